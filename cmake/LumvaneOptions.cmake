@@ -1,0 +1,29 @@
+# Compiler flags live on one interface target, so that every target of ours is built with the same ones
+# and no third-party header is held to our warnings.
+option(LUMVANE_WERROR "Treat warnings as errors" OFF)
+set(LUMVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, empty for none")
+set_property(CACHE LUMVANE_SANITIZE PROPERTY STRINGS "" "address,undefined")
+
+add_library(lumvane_options INTERFACE)
+target_compile_features(lumvane_options INTERFACE cxx_std_20)
+target_compile_options(
+  lumvane_options
+  INTERFACE
+    -Wall
+    -Wextra
+    -Wpedantic
+    -Wshadow
+    -Wnon-virtual-dtor
+    -Wold-style-cast
+    -Woverloaded-virtual
+    $<$<BOOL:${LUMVANE_WERROR}>:-Werror>
+    # Assertion texts name source files; they must read "src/..." on every machine.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+    # Contracted multiply-adds would make results depend on the compiler's mood; kernels that want FMA ask for it.
+    -ffp-contract=off)
+
+if(LUMVANE_SANITIZE)
+  target_compile_options(lumvane_options INTERFACE -fsanitize=${LUMVANE_SANITIZE} -fno-sanitize-recover=all
+                                                   -fno-omit-frame-pointer)
+  target_link_options(lumvane_options INTERFACE -fsanitize=${LUMVANE_SANITIZE})
+endif()

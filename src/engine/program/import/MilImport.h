@@ -1,0 +1,14 @@
+#pragma once
+// Translates an ML program, as read from a package, into the intermediate form.
+
+#include "engine/package/ModelSource.h"
+#include "engine/program/Program.h"
+
+namespace ulmora::engine::program {
+
+/// Checks every operation against the registry: known, required parameters present, no unknown ones, names defined
+/// before use and once. Dimensions stay unknown where the package leaves them open. If all declared input shapes are
+/// static, the program is specialized once for its checks alone. Throws Error(Translate) naming the operation.
+[[nodiscard]] Program ImportMil(const package::ModelSource& source);
+
+}  // namespace ulmora::engine::program
