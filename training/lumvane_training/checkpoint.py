@@ -1,0 +1,30 @@
+"""Checkpoint files: everything a stopped run needs to go on, and the averaged weights that are shipped."""
+
+from __future__ import annotations
+
+import os
+from pathlib import Path
+
+import torch
+
+from .network import Denoiser
+
+
+def save(path: Path, state: dict) -> None:
+    """Writes beside the target first, so that a killed run never leaves half a checkpoint."""
+    partial = path.with_suffix(".partial")
+    torch.save(state, partial)
+    os.replace(partial, path)
+
+
+def load(path: Path) -> dict:
+    """A checkpoint on the CPU."""
+    return torch.load(path, map_location="cpu", weights_only=True)
+
+
+def averaged_network(path: Path) -> tuple[Denoiser, dict]:
+    """The network with its averaged weights, and the checkpoint's record (steps, megapixels, configuration)."""
+    state = load(path)
+    network = Denoiser(tuple(state["widths"]), state["blocks"])
+    network.load_state_dict(state["average"])
+    return network.eval(), state

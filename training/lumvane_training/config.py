@@ -1,0 +1,65 @@
+"""Training configurations: TOML files, one per network."""
+
+from __future__ import annotations
+
+import tomllib
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from .frames import FrameLaws
+from .scenes import SceneLaws
+
+TRAINING_ROOT = Path(__file__).resolve().parent.parent
+
+
+@dataclass(frozen=True)
+class Phase:
+    """A stretch of the run: until this share of the time, patches of this size in batches of this many."""
+
+    until: float
+    patch: int
+    batch: int
+
+
+@dataclass(frozen=True)
+class Config:
+    """One training run."""
+
+    name: str
+    version: int
+    seed: int
+    widths: tuple[int, ...]
+    blocks: int
+    pools: list[Path]
+    pool_seed: int
+    pool_size: int
+    pool_counts: list[int]
+    minutes: float
+    learning_rate: float
+    warmup_steps: int
+    average_decay: float
+    phases: list[Phase]
+    frame_laws: FrameLaws
+    scene_laws: SceneLaws
+    start_from: Path | None = None
+    weight_decay: float = 1e-4
+    clip_norm: float = 0.5
+    coverage: float = 1.0
+    raw: dict = field(default_factory=dict)
+
+
+def load(path: Path) -> Config:
+    """Reads a configuration; paths in it are relative to training/."""
+    table = tomllib.loads(path.read_text())
+    pool, run, network = table["pool"], table["run"], table["network"]
+    start = run.get("start_from")
+    return Config(
+        name=table["name"], version=table["version"], seed=table["seed"],
+        widths=tuple(network["widths"]), blocks=network["blocks"],
+        pools=[TRAINING_ROOT / p for p in pool["files"]], pool_seed=pool["seed"], pool_size=pool["size"],
+        pool_counts=pool["counts"],
+        minutes=run["minutes"], learning_rate=run["learning_rate"], warmup_steps=run["warmup_steps"],
+        average_decay=run["average_decay"], phases=[Phase(**p) for p in run["phases"]], coverage=run.get("coverage", 1.0),
+        start_from=TRAINING_ROOT / start if start else None,
+        frame_laws=FrameLaws.from_table(table.get("frames", {})),
+        scene_laws=SceneLaws.from_table(table.get("scenes", {})), raw=table)

@@ -1,0 +1,88 @@
+"""Processes that turn scenes into shuffled batches of crops, ahead of the training step."""
+
+from __future__ import annotations
+
+import multiprocessing
+import os
+from pathlib import Path
+
+import numpy as np
+
+from .frames import FrameLaws, make_pair
+from .pool import open_pools
+
+Array = np.ndarray
+
+
+def symmetry(image: Array, number: int) -> Array:
+    """One of the eight symmetries of the square, on the last two axes."""
+    turned = np.rot90(image, number % 4, axes=(-2, -1))
+    return turned[..., ::-1] if number >= 4 else turned
+
+
+def crops(rng: np.random.Generator, noisy: Array, clean: Array, patch: int, count: int):
+    """`count` random crops [2, 3, patch, patch] (noisy, clean), each in a random symmetry."""
+    both = np.stack([noisy, clean])
+    height, width = both.shape[-2:]
+    for _ in range(count):
+        row, column = rng.integers(height - patch + 1), rng.integers(width - patch + 1)
+        crop = both[:, :, row:row + patch, column:column + patch]
+        yield np.ascontiguousarray(symmetry(crop, int(rng.integers(8))))
+
+
+def batches(seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, batch: int, coverage: float, buffer: int):
+    """Endless batches [batch, 2, 3, patch, patch] drawn from a buffer that mixes about `buffer` crops of many frames.
+
+    `coverage` is the number of crop pixels taken per frame pixel before the frame is thrown away. Pools that appear on
+    disk later are picked up every few hundred frames.
+    """
+    rng = np.random.default_rng(seed)
+    pools, store, visits = open_pools(paths), [], 0
+    while True:
+        while len(store) < buffer:
+            visits += 1
+            if visits % 300 == 0:
+                pools = open_pools(paths)
+            sizes = np.array([len(p) for p in pools], float)
+            pool = pools[int(rng.choice(len(pools), p=sizes / sizes.sum()))]
+            light = np.array(pool[int(rng.integers(len(pool)))])
+            pair = make_pair(rng, light, laws)
+            count = max(1, int(coverage * light.shape[1] * light.shape[2] / patch**2))
+            store.extend(crops(rng, pair.noisy, pair.clean, patch, count))
+        picked = rng.permutation(len(store))[:batch]
+        yield np.stack([store[i] for i in picked])
+        for i in sorted(picked, reverse=True):
+            store[i] = store[-1]
+            store.pop()
+
+
+def _run(queue, seed, paths, laws, patch, batch, coverage, buffer) -> None:
+    os.environ["OMP_NUM_THREADS"] = "1"
+    for item in batches(seed, paths, laws, patch, batch, coverage, buffer):
+        queue.put(item)
+
+
+class Feeder:
+    """Feeding processes and the queue they fill."""
+
+    def __init__(self, seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, batch: int, *, processes: int = 1,
+                 coverage: float = 1.0, buffer: int = 400, depth: int = 8):
+        context = multiprocessing.get_context("spawn")
+        self.queue = context.Queue(maxsize=depth)
+        self.processes = [
+            context.Process(target=_run, daemon=True,
+                            args=(self.queue, seed + [n], paths, laws, patch, batch, coverage, buffer))
+            for n in range(processes)
+        ]
+        for process in self.processes:
+            process.start()
+
+    def next(self) -> Array:
+        """The next batch; fails after ten minutes without one, so that a dead feeder does not hang the run."""
+        return self.queue.get(timeout=600)
+
+    def close(self) -> None:
+        """Stops the feeding processes."""
+        for process in self.processes:
+            process.terminate()
+            process.join()

@@ -1,0 +1,78 @@
+"""The denoising network: a half-resolution residual U-Net without biases and without any normalisation.
+
+Without biases f(a x) = a f(x) for a > 0, which carries over to noise levels never trained (Mohan et al., ICLR 2020).
+Without normalisation or pooling over the image nothing depends on the tile that a pixel happens to lie in.
+Only operations that the oldest ML program version knows: conv, conv_transpose, relu, add, pixel_shuffle.
+"""
+
+from __future__ import annotations
+
+import torch
+from torch import Tensor, nn
+from torch.nn import functional
+
+
+class Block(nn.Module):
+    """x + conv(relu(conv(x))), both 3x3 with zero padding."""
+
+    def __init__(self, width: int):
+        super().__init__()
+        self.first = nn.Conv2d(width, width, 3, padding=1, bias=False)
+        self.second = nn.Conv2d(width, width, 3, padding=1, bias=False)
+
+    def forward(self, x: Tensor) -> Tensor:
+        return x + self.second(functional.relu(self.first(x)))
+
+
+def _blocks(width: int, count: int) -> nn.Sequential:
+    return nn.Sequential(*(Block(width) for _ in range(count)))
+
+
+class Denoiser(nn.Module):
+    """[n, 3, h, w] -> same, h and w multiples of 2^len(widths). widths[0] works at half resolution, and so on down."""
+
+    def __init__(self, widths: tuple[int, ...] = (32, 64, 128), blocks: int = 1):
+        super().__init__()
+        self.widths, self.blocks = tuple(widths), blocks
+        self.head = nn.Conv2d(3, widths[0], 2, stride=2, bias=False)
+        self.encoders = nn.ModuleList(_blocks(w, blocks) for w in widths[:-1])
+        self.downs = nn.ModuleList(nn.Conv2d(a, b, 2, stride=2, bias=False) for a, b in zip(widths, widths[1:]))
+        self.middle = _blocks(widths[-1], blocks)
+        self.ups = nn.ModuleList(nn.ConvTranspose2d(b, a, 2, stride=2, bias=False) for a, b in zip(widths, widths[1:]))
+        self.decoders = nn.ModuleList(_blocks(w, blocks) for w in widths[:-1])
+        self.tail = nn.Conv2d(widths[0], 12, 3, padding=1, bias=False)
+        self._initialise()
+
+    def _initialise(self) -> None:
+        """Kaiming weights; the last layer of each block and of the net is small, so that training starts at identity."""
+        for module in self.modules():
+            if isinstance(module, (nn.Conv2d, nn.ConvTranspose2d)):
+                nn.init.kaiming_normal_(module.weight, nonlinearity="relu" if module.kernel_size == (3, 3) else "linear")
+        for module in self.modules():
+            if isinstance(module, Block):
+                module.second.weight.data.mul_(0.2)
+        self.tail.weight.data.mul_(0.05)
+
+    def forward(self, image: Tensor) -> Tensor:
+        x = self.head(image)
+        skips = []
+        for encoder, down in zip(self.encoders, self.downs):
+            x = encoder(x)
+            skips.append(x)
+            x = down(x)
+        x = self.middle(x)
+        for up, decoder, skip in zip(reversed(self.ups), reversed(self.decoders), reversed(skips)):
+            x = decoder(up(x) + skip)
+        return image + functional.pixel_shuffle(self.tail(x), 2)
+
+
+def parameter_count(network: nn.Module) -> int:
+    """Number of weights."""
+    return sum(p.numel() for p in network.parameters())
+
+
+@torch.no_grad()
+def round_to_half(network: nn.Module) -> None:
+    """Rounds every weight to float16 in place: what the package ships."""
+    for parameter in network.parameters():
+        parameter.copy_(parameter.half().float())

@@ -1,0 +1,86 @@
+"""Stretches and training pairs."""
+
+import numpy as np
+import pytest
+
+from lumvane_training import feeder, frames, scenes, stretch
+
+
+def test_midtones_formula():
+    assert stretch.midtones(0.25, np.float64(0.25)) == pytest.approx(0.5)
+    assert stretch.midtones(0.5, np.float64(0.3)) == pytest.approx(0.3)
+    assert stretch.midtones(0.1, np.array([-1.0, 0.0, 1.0, 2.0])).tolist() == [0.0, 0.0, 1.0, 1.0]
+
+
+def test_midtones_inverse():
+    x = np.linspace(0.001, 0.999, 500)
+    for balance in (0.003, 0.2, 0.7):
+        assert np.allclose(stretch.inverse_midtones(balance, stretch.midtones(balance, x)), x, atol=1e-12)
+
+
+def test_linear_mode_worked_example():
+    # Median 0.01 and normalised MAD 0.002 give shadows 0.0044 and a balance of 0.0166139241.
+    deviation = 0.002 / stretch.MAD_TO_SIGMA
+    plane = np.array([0.01 - 2 * deviation, 0.01 - deviation, 0.01, 0.01 + deviation, 0.01 + 2 * deviation])
+    channel = stretch.linear_mode_channel(plane, -2.8, 0.25)
+    assert channel.shadows == pytest.approx(0.0044)
+    assert channel.midtones == pytest.approx(0.0166139241, abs=1e-9)
+    assert stretch.apply_linear_mode(np.array([0.01]), channel)[0] == pytest.approx(0.25)
+    assert np.allclose(stretch.undo_linear_mode(stretch.apply_linear_mode(plane, channel), channel), plane)
+
+
+def test_pure_sky_has_the_noise_that_theory_says():
+    rng = np.random.default_rng(1)
+    plane = 0.02 + 0.001 * rng.standard_normal((400, 400))
+    seen = stretch.apply_linear_mode(plane, stretch.linear_mode_channel(plane, -2.8, 0.25))
+    assert stretch.MAD_TO_SIGMA * np.median(np.abs(seen - np.median(seen))) == pytest.approx(0.067, abs=0.002)
+    assert (seen == 0).mean() == pytest.approx(0.0026, abs=0.001)
+
+
+@pytest.mark.parametrize("seed", range(12))
+def test_other_curves_are_monotonic_and_hit_the_background(seed):
+    rng = np.random.default_rng(seed)
+    curve = stretch.other_curve(rng, 0.02, 0.2)
+    y = curve(np.linspace(0, 1, 2000))
+    assert np.all(np.diff(y) >= -1e-9) and y.min() >= 0 and y.max() <= 1 + 1e-9
+    assert curve(np.float64(0.02)) == pytest.approx(0.2, abs=0.09)
+
+
+@pytest.fixture(scope="module")
+def light():
+    return scenes.sky_scene(np.random.default_rng(3), 256, scenes.SceneLaws()).light
+
+
+@pytest.mark.parametrize("mode", ["linear", "other", "subtracted", "unstretched"])
+@pytest.mark.parametrize("mono", [False, True])
+def test_pairs_are_in_range(light, mode, mono):
+    for seed in range(4):
+        pair = frames.make_pair(np.random.default_rng(seed), light, mode=mode, mono=mono)
+        for image in (pair.noisy, pair.clean):
+            assert image.shape == (3, 256, 256) and image.dtype == np.float32
+            assert image.min() >= 0 and image.max() <= 1 and np.isfinite(image).all()
+        if mono:
+            assert np.array_equal(pair.noisy[0], pair.noisy[1]) and np.array_equal(pair.clean[0], pair.clean[2])
+
+
+def test_wanted_noise_arrives_after_the_stretch():
+    """Over many frames the measured noise at the background follows the request within the per-channel spread."""
+    dark = np.zeros((3, 256, 256), np.float32)
+    ratios = []
+    for seed in range(20):
+        pair = frames.make_pair(np.random.default_rng(seed), dark, wanted=0.02, mode="other", mono=True)
+        ratios.append((pair.noisy - pair.clean)[0].std() / 0.02)
+    assert np.median(ratios) == pytest.approx(1.0, abs=0.2)
+
+
+def test_symmetries_are_eight_different_ones():
+    image = np.arange(16.0).reshape(4, 4)
+    assert len({feeder.symmetry(image, n).tobytes() for n in range(8)}) == 8
+
+
+def test_crops_are_aligned():
+    rng = np.random.default_rng(2)
+    image = rng.random((3, 64, 64), dtype=np.float32)
+    for crop in feeder.crops(rng, image, image + 1, 16, 5):
+        assert crop.shape == (2, 3, 16, 16)
+        assert np.allclose(crop[1] - crop[0], 1)

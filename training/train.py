@@ -1,0 +1,198 @@
+#!/usr/bin/env python3
+"""Trains a network from a configuration, resuming from its checkpoint where there is one.
+
+The learning rate falls along a cosine of the run's own clock (time spent training, kept in the checkpoint), so that a run
+ends decayed whatever the machine's speed. Several CPU workers each compute the gradient of their share of a batch with one
+thread and average it once per step, which suffers less from busy cores than many threads inside every layer do.
+"""
+
+from __future__ import annotations
+
+import argparse
+import copy
+import json
+import math
+import time
+from pathlib import Path
+
+import torch
+import torch.distributed as dist
+import torch.multiprocessing as multiprocessing
+
+from lumvane_training import GENERATOR_VERSION, checkpoint, config
+from lumvane_training.feeder import Feeder
+from lumvane_training.losses import denoising_loss
+from lumvane_training.network import Denoiser, parameter_count
+
+LOG_EVERY = 200
+SAVE_SECONDS = 120.0
+
+
+def learning_rate(run: config.Config, step: int, progress: float) -> float:
+    """Linear warm-up over steps, then a cosine over the share of time spent, down to a thousandth."""
+    warm = min(1.0, (step + 1) / run.warmup_steps)
+    return run.learning_rate * warm * (1e-3 + (1 - 1e-3) * 0.5 * (1.0 + math.cos(math.pi * min(progress, 1.0))))
+
+
+def average_gradients(network: torch.nn.Module, workers: int) -> None:
+    """Replaces every gradient by its mean over the workers, in one message."""
+    if workers == 1:
+        return
+    gradients = [p.grad for p in network.parameters()]
+    flat = torch.cat([g.flatten() for g in gradients])
+    dist.all_reduce(flat)
+    flat /= workers
+    for gradient, part in zip(gradients, flat.split([g.numel() for g in gradients])):
+        gradient.copy_(part.view_as(gradient))
+
+
+class Trainer:
+    """One worker of a run: network, optimiser, averaged weights, feeder, clock."""
+
+    def __init__(self, run: config.Config, folder: Path, rank: int, workers: int, device: torch.device):
+        self.run, self.folder, self.rank, self.workers, self.device = run, folder, rank, workers, device
+        torch.manual_seed(run.seed)
+        self.network = Denoiser(run.widths, run.blocks).to(device, memory_format=torch.channels_last)
+        self.average = copy.deepcopy(self.network)
+        self.optimiser = torch.optim.AdamW(self.network.parameters(), run.learning_rate, betas=(0.9, 0.99),
+                                           weight_decay=run.weight_decay, foreach=True)
+        self.step, self.seconds, self.megapixels = 0, 0.0, 0.0
+        self.feeder: Feeder | None = None
+        self.phase: config.Phase | None = None
+        self._resume()
+
+    def _resume(self) -> None:
+        path = self.folder / "checkpoint.pt"
+        if path.exists():
+            state = checkpoint.load(path)
+            self.network.load_state_dict(state["network"])
+            self.average.load_state_dict(state["average"])
+            self.optimiser.load_state_dict(state["optimiser"])
+            self.step, self.seconds, self.megapixels = state["step"], state["seconds"], state["megapixels"]
+        elif self.run.start_from:
+            state = checkpoint.load(self.run.start_from)
+            self.network.load_state_dict(state["average"])
+            self.average.load_state_dict(state["average"])
+
+    @property
+    def progress(self) -> float:
+        """Share of the run's time that is spent."""
+        return self.seconds / (60.0 * self.run.minutes)
+
+    def state(self) -> dict:
+        """What the checkpoint holds."""
+        return {
+            "network": self.network.state_dict(), "average": self.average.state_dict(),
+            "optimiser": self.optimiser.state_dict(), "step": self.step, "seconds": self.seconds,
+            "megapixels": self.megapixels, "widths": list(self.run.widths), "blocks": self.run.blocks,
+            "name": self.run.name, "version": self.run.version, "seed": self.run.seed, "pool_seed": self.run.pool_seed,
+            "generator": GENERATOR_VERSION, "progress": self.progress,
+            "start_from": str(self.run.start_from.relative_to(config.TRAINING_ROOT)) if self.run.start_from else "",
+        }
+
+    def _enter_phase(self) -> None:
+        """Starts the feeder of the phase that the clock is in, where that has changed."""
+        phase = next((p for p in self.run.phases if self.progress < p.until), self.run.phases[-1])
+        if phase is self.phase:
+            return
+        if self.feeder:
+            self.feeder.close()
+        self.phase = phase
+        share = max(1, phase.batch // self.workers)
+        # The step in the seed makes a resumed run see new frames instead of its first ones again.
+        seed = [self.run.seed, self.rank, self.step]
+        self.feeder = Feeder(seed, self.run.pools, self.run.frame_laws, phase.patch, share, coverage=self.run.coverage,
+                             buffer=max(24, 3_000_000 // phase.patch**2))
+
+    def train_step(self) -> float:
+        """One step; returns the loss of this worker's share."""
+        self._enter_phase()
+        batch = torch.from_numpy(self.feeder.next()).to(self.device)
+        noisy = batch[:, 0].contiguous(memory_format=torch.channels_last)
+        clean = batch[:, 1].contiguous(memory_format=torch.channels_last)
+        for group in self.optimiser.param_groups:
+            group["lr"] = learning_rate(self.run, self.step, self.progress)
+        loss = denoising_loss(self.network(noisy), noisy, clean)
+        self.optimiser.zero_grad()
+        loss.backward()
+        average_gradients(self.network, self.workers)
+        torch.nn.utils.clip_grad_norm_(self.network.parameters(), self.run.clip_norm)
+        self.optimiser.step()
+        # A young average follows closely, an old one slowly.
+        decay = min(self.run.average_decay, (1 + self.step) / (10 + self.step))
+        with torch.no_grad():
+            torch._foreach_lerp_(list(self.average.parameters()), list(self.network.parameters()), 1 - decay)
+        self.step += 1
+        self.megapixels += self.workers * noisy.shape[0] * noisy.shape[2] * noisy.shape[3] / 1e6
+        return float(loss.detach())
+
+    def shared_clock(self, elapsed: float) -> float:
+        """Worker 0's elapsed time, so that all workers stop and change phase at the same step."""
+        if self.workers == 1:
+            return elapsed
+        value = torch.tensor([elapsed], dtype=torch.float64)
+        dist.broadcast(value, 0)
+        return float(value)
+
+    def fit(self, stop_after: float) -> None:
+        """Trains until the run's time is over or `stop_after` seconds have passed in this call."""
+        start = last_log = last_save = time.monotonic()
+        clock, losses, last_megapixels = self.seconds, [], self.megapixels
+        while self.progress < 1.0 and time.monotonic() - start < stop_after + 60.0:
+            losses.append(self.train_step())
+            if self.step % 10 == 0:
+                self.seconds = clock + self.shared_clock(time.monotonic() - start)
+                if self.seconds - clock > stop_after:
+                    break
+            if self.rank == 0 and self.step % LOG_EVERY == 0:
+                now = time.monotonic()
+                rate = (self.megapixels - last_megapixels) / (now - last_log)
+                record = {"step": self.step, "minutes": round(self.seconds / 60, 2), "loss": sum(losses) / len(losses),
+                          "lr": self.optimiser.param_groups[0]["lr"], "mpx": round(self.megapixels, 1),
+                          "mpx_per_s": round(rate, 3)}
+                with open(self.folder / "log.jsonl", "a") as log:
+                    log.write(json.dumps(record) + "\n")
+                print(record, flush=True)
+                losses, last_log, last_megapixels = [], now, self.megapixels
+            if self.rank == 0 and time.monotonic() - last_save > SAVE_SECONDS:
+                checkpoint.save(self.folder / "checkpoint.pt", self.state())
+                last_save = time.monotonic()
+        if self.rank == 0:
+            checkpoint.save(self.folder / "checkpoint.pt", self.state())
+        if self.feeder:
+            self.feeder.close()
+
+
+def work(rank: int, workers: int, options: argparse.Namespace) -> None:
+    """Entry of one worker process."""
+    run = config.load(options.config)
+    torch.set_num_threads(options.threads)
+    torch.set_flush_denormal(True)
+    folder = options.runs / run.name
+    folder.mkdir(parents=True, exist_ok=True)
+    if workers > 1:
+        dist.init_process_group("gloo", init_method=f"tcp://127.0.0.1:{options.port}", rank=rank, world_size=workers)
+    trainer = Trainer(run, folder, rank, workers, torch.device(options.device))
+    if rank == 0:
+        print(f"{run.name}: {parameter_count(trainer.network)} weights, step {trainer.step}", flush=True)
+    trainer.fit(60.0 * options.stop_after if options.stop_after else math.inf)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("config", type=Path)
+    parser.add_argument("--runs", type=Path, default=config.TRAINING_ROOT / "runs")
+    parser.add_argument("--device", default="cuda" if torch.cuda.is_available() else "cpu")
+    parser.add_argument("--workers", type=int, default=1, help="processes that share each batch (CPU)")
+    parser.add_argument("--threads", type=int, default=1, help="threads of each worker")
+    parser.add_argument("--port", type=int, default=29517)
+    parser.add_argument("--stop-after", type=float, help="minutes after which this call stops; run it again to go on")
+    options = parser.parse_args()
+    if options.workers == 1:
+        work(0, 1, options)
+    else:
+        multiprocessing.spawn(work, args=(options.workers, options), nprocs=options.workers)
+
+
+if __name__ == "__main__":
+    main()
