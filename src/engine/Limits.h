@@ -35,6 +35,10 @@ inline constexpr std::int64_t kMaxOperands = 65'536;
 /// that are decompressed when opened need as many as the largest layer holds.
 inline constexpr std::int64_t kMaxFoldedElements = std::int64_t{1} << 28;
 
+/// Elements that constant folding may read and write in one program (for products: operand times result elements).
+/// Beyond it operations stay in the program and run with it: opening a package must not take as long as running it.
+inline constexpr std::int64_t kMaxFoldingWork = std::int64_t{1} << 31;
+
 /// Bytes of the arena that holds all intermediate tensors of a run.
 inline constexpr std::int64_t kMaxArenaBytes = std::int64_t{16} << 30;
 

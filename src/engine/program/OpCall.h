@@ -4,6 +4,7 @@
 #include "engine/Tensor.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,7 @@ class OpCall {
     const Tensor* value = nullptr;  ///< not owned
   };
 
+  /// Both constructors Fail if a required parameter has no operand or if one that is not variadic has several.
   OpCall(const OpDefinition& definition, std::string_view name, int opset, std::vector<std::vector<Operand>> operands);
   /// The call that `operation` makes in `program`.
   OpCall(const Program& program, const Operation& operation);
@@ -56,14 +58,26 @@ class OpCall {
   /// `axis` counted from the front; Fails if it is outside [-rank, rank).
   [[nodiscard]] std::int64_t Axis(std::int64_t axis, std::size_t rank) const;
 
+  /// Shape of a result as the package declares it; none if it leaves dimensions open or the call stands in no program.
+  /// For sizes that are only known up to rounding, such as the scaled ones of an upsampling.
+  [[nodiscard]] std::optional<Shape> DeclaredShape(std::size_t result = 0) const;
+
   /// Throws Error(Translate) "<key> '<name>': <message>".
   [[noreturn]] void Fail(const std::string& message) const;
 
  private:
+  [[nodiscard]] const Operand* Find(std::string_view parameter, std::size_t index) const;
+  [[nodiscard]] const std::optional<Tensor>& Fallback(std::string_view parameter) const;
+  [[nodiscard]] const Tensor& Scalar(std::string_view parameter) const;
+  [[nodiscard]] const Tensor& Vector(std::string_view parameter) const;
+  [[nodiscard]] std::vector<std::int64_t> WholeNumbers(std::string_view parameter, const Tensor& tensor) const;
+  [[noreturn]] void FailKind(std::string_view parameter, const Tensor& tensor, std::string_view expected) const;
+
   const OpDefinition* definition_;
   std::string name_;
   int opset_;
   std::vector<std::vector<Operand>> operands_;
+  std::vector<TensorType> declared_;
 };
 
 }  // namespace ulmora::engine::program

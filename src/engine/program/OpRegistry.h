@@ -22,6 +22,7 @@ struct Parameter {
   Presence presence = Presence::Required;
   bool mustBeConstant = false;       ///< must be known before the network runs
   std::optional<Tensor> fallback{};  ///< what an absent optional parameter means, where that is a fixed value
+  bool typeOnly = false;             ///< only the operand's type is used: evaluation needs no value of it
 };
 
 /// One operation of the registry.
@@ -33,9 +34,13 @@ struct OpDefinition {
   /// OpCall::Fail on impossible operands.
   std::vector<TensorType> (*infer)(const OpCall& call) = nullptr;
 
-  /// Obviously correct, unoptimised evaluation; all operands have values. Used for folding and as the oracle of tests,
-  /// and at run time for the rare operations without a lowering of their own.
+  /// Obviously correct, unoptimised evaluation; all operands have values but those of typeOnly parameters. Used for
+  /// folding and as the oracle of tests, and at run time for the rare operations without a lowering of their own.
   std::vector<Tensor> (*evaluate)(const OpCall& call) = nullptr;
+
+  /// True if evaluation may take as long as the product of operand and result elements (convolutions, pools, matrix
+  /// products), false if their sum. Bounds what is folded.
+  bool costly = false;
 
   /// Index of the parameter, or -1.
   [[nodiscard]] int IndexOf(std::string_view parameter) const noexcept;

@@ -1,0 +1,24 @@
+#pragma once
+// One function per family file: the definitions that the registry collects.
+
+#include "engine/program/OpRegistry.h"
+
+#include <vector>
+
+namespace ulmora::engine::program {
+
+std::vector<OpDefinition> ActivationOps();
+std::vector<OpDefinition> CastOps();
+std::vector<OpDefinition> ConstexprOps();
+std::vector<OpDefinition> ConvOps();
+std::vector<OpDefinition> ElementwiseBinaryOps();
+std::vector<OpDefinition> ElementwiseUnaryOps();
+std::vector<OpDefinition> LinearOps();
+std::vector<OpDefinition> NormalizationOps();
+std::vector<OpDefinition> PoolOps();
+std::vector<OpDefinition> ReductionOps();
+std::vector<OpDefinition> ReshapeOps();
+std::vector<OpDefinition> ResizeOps();
+std::vector<OpDefinition> SliceOps();
+
+}  // namespace ulmora::engine::program
