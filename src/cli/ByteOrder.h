@@ -5,7 +5,7 @@
 
 namespace ulmora::cli {
 
-// Assemble an unsigned number from the 2, 4 or 8 bytes at `bytes`, which the caller has checked to be there.
+/// Assemble an unsigned number from the 2, 4 or 8 bytes at `bytes`, which the caller has checked to be there.
 inline std::uint16_t Read16(const std::uint8_t* bytes, bool littleEndian) {
   const unsigned first = bytes[0];
   const unsigned second = bytes[1];
@@ -24,7 +24,7 @@ inline std::uint64_t Read64(const std::uint8_t* bytes, bool littleEndian) {
   return littleEndian ? first | second << 32 : first << 32 | second;
 }
 
-// Store an unsigned number in the 2, 4 or 8 bytes at `bytes`.
+/// Store an unsigned number in the 2, 4 or 8 bytes at `bytes`.
 inline void Write16(std::uint8_t* bytes, std::uint16_t value, bool littleEndian) {
   bytes[littleEndian ? 0 : 1] = static_cast<std::uint8_t>(value);
   bytes[littleEndian ? 1 : 0] = static_cast<std::uint8_t>(value >> 8);

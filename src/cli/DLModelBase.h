@@ -5,12 +5,15 @@
 
 #include "cli/CliDiagnostics.h"
 #include "cli/FitsOutputRole.h"
+#include "cli/FixedLinearMtf.h"
 #include "common/TileGeometry.h"
 
 #include <opencv2/core.hpp>
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 /// Used once: read, configure, run the tiles, write. Nothing is virtual, since the object is always a plain local of
 /// the one concrete class, LumvaneModel. All failures are exceptions.
@@ -78,23 +81,29 @@ class DLModelBase {
   /// The blending weight of pixel (x, y) of the tile with the given origin in the padded image.
   [[nodiscard]] float GetWeight(int tileX, int tileY, int x, int y);
 
-  /// Sets up the stretch of a linear run, or says that there is none.
+  /// Takes the read image through the stretch of a linear run, with the options' values, or says that there is none.
+  /// To be called once, after reading. std::invalid_argument for options and images that the stretch refuses.
   void ConfigureLinearMtf(bool linear, double shadowsClipping, double targetBackground, bool shadowRestoration);
   /// What the tile loop sees: the stretched image in linear mode, otherwise the working image.
   [[nodiscard]] const cv::Mat& InferenceImage() const;
-  /// Undoes the stretch on the tile loop's result; a deep copy without linear mode.
+  /// Undoes the stretch on the tile loop's result: CV_64F, normalized, not clamped. A deep copy without linear mode.
   [[nodiscard]] cv::Mat RestoreLinearMtfOutput(const cv::Mat& output) const;
-  /// Brings a restored image to the grid and channels of the source; the image itself without linear mode.
+  /// Brings a restored image to the grid and channels of the source and gives constant channels their source samples;
+  /// the image itself without linear mode.
   [[nodiscard]] cv::Mat FinalizeLinearImage(const cv::Mat& image) const;
-  /// Writes source samples back where the stretch could not carry them.
+  /// Writes the source's samples over those of constant channels and, where shadows are restored, over those that the
+  /// source has at or below the shadows point. A cv::Exception of a failed assertion unless the image has the size and
+  /// type of the source.
   void RestoreFinalLinearSamples(cv::Mat& image) const;
 
  protected:
   cv::Mat image_;         ///< working image, normalized, R, G, B; CV_32FC3, or CV_64FC3 in a linear run
   cv::Mat source_image_;  ///< normalized input on its own grid; one plane for grayscale, else image_'s buffer
   cv::Mat linear_image_;  ///< stretched image for inference in linear mode
+  std::vector<ulmora::core::LinearMtfChannel> linear_channels_;  ///< the stretch of each channel in linear mode
   bool linear_enabled_ = false;
   bool restore_shadows_ = true;
+  std::unique_ptr<ulmora::cli::FixedLinearMtf> fixed_linear_mtf_;  ///< set in linear mode alone
   bool input_is_fits_ = false;
   std::string astro_tiff_header_;  ///< header text of a TIFF input; empty if there is none
   int input_depth_ = -1;           ///< OpenCV depth of a non-FITS input, -1 for FITS; decides the output depth

@@ -1,0 +1,102 @@
+// The driver: decides what a run is, validates what only it can validate, runs one job, and turns every failure into
+// one message and one exit status.
+
+#include "cli/CliDiagnostics.h"
+#include "cli/CommandLine.h"
+#include "cli/LumvaneModel.h"
+#include "cli/ModelLookup.h"
+#include "cli/Product.h"
+#include "cli/Progress.h"
+#include "cli/QuietStandardError.h"
+#include "cli/WithModelContext.h"
+
+#include <tclap/ArgException.h>
+
+#include <exception>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using namespace ulmora::cli;
+
+/// Side of a tile in pixels; neither an option nor a property of the model.
+constexpr int kWindowSize = 512;
+
+/// The parent process sees 255.
+constexpr int kFailure = -1;
+
+/// The text behind the options in the help text.
+std::string HelpMessage() {
+  return std::string("\n Lumvane CLI, CoreML backend.") +
+         "\n CoreML acceleration is available on supported macOS systems." + "\n\n Lumvane v" + kVersion +
+         "\n\n Published by the Lumvane developers.";
+}
+
+std::string ResolveDefaultWeights(const std::string& packageName) {
+  return ulmora::cli::ResolveDefaultWeights(kExecutableName, packageName);
+}
+
+int Fail(const std::string& text, bool machineMode) {
+  if (machineMode) {
+    WriteProgressError(std::cerr, text);
+  } else {
+    std::cerr << text << std::endl;
+  }
+  return kFailure;
+}
+
+void RunJob(const JobArguments& arguments, const std::string& weightsPath) {
+  LumvaneModel model(arguments.inputPath, arguments.outputPath, arguments.modelVersion, arguments.stride, kWindowSize,
+                     weightsPath, arguments.quiet, arguments.machineProgress, arguments.linear);
+  model.ConfigureLinearMtf(arguments.linear, arguments.shadowsClipping, arguments.targetBackground, false);
+  model.Process();
+}
+
+/// A run that got as far as a valid command line.
+void Denoise(const JobArguments& arguments) {
+  const std::string package = arguments.modelVersion == 1 ? kPackageV1 : kPackageV2;
+  const bool explicitOverride = !arguments.weightsPath.empty();
+  const std::string weightsPath = explicitOverride ? arguments.weightsPath : ResolveDefaultWeights(package);
+  const std::string lookup =
+      ModelLookupDiagnostic(kExecutableName, package, weightsPath, explicitOverride, BackendDisplayName());
+  CliDiagnostics{arguments.quiet, arguments.machineProgress, &std::cerr}.Info("model_context", lookup);
+  ulmora::diagnostics::WithModelContext(lookup, [&] { RunJob(arguments, weightsPath); });
+}
+
+/// All of a run that the handlers of main watch over. `machineMode` is what the raw arguments say, which differs from
+/// the parsed switch when the word stands in the place of a value or behind "--".
+void Run(int argc, char** argv, bool machineMode) {
+  CommandLine commandLine(HelpMessage(), kVersion, !machineMode);
+  if (argc <= 1) throw std::invalid_argument("The usage text is not available in this build. Try: lumvane --help");
+  const JobArguments arguments = commandLine.Parse(argc, argv);
+  ValidateArguments(arguments);
+  Denoise(arguments);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  OccupyStandardDescriptors();
+  const bool machineMode = HasArg(argc, argv, "--machine-progress");
+  // These two are answered whatever else is asked, so that a front end learns what it needs without a valid command.
+  if (HasArg(argc, argv, "--machine-info")) return Fail("--machine-info is not available in this build.", machineMode);
+  if (HasArg(argc, argv, "--check-updates")) {
+    return Fail("--check-updates is not available in this build.", machineMode);
+  }
+  try {
+    Run(argc, argv, machineMode);
+    return 0;
+  } catch (const std::invalid_argument& error) {
+    return Fail(error.what(), machineMode);
+  } catch (TCLAP::ArgException& error) {
+    return Fail("Error: " + error.error() + " for arg " + error.argId(), machineMode);
+  } catch (TCLAP::ExitException& exit) {
+    return exit.getExitStatus();
+  } catch (const std::exception& error) {
+    return Fail(error.what(), machineMode);
+  } catch (...) {
+    return Fail("Failed", machineMode);
+  }
+}
