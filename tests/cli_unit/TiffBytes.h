@@ -21,7 +21,7 @@ struct TiffForm {
   bool bigTiff;
 };
 
-// The four forms that a file can have, with names for parameterized tests.
+/// The four forms that a file can have, with names for parameterized tests.
 inline auto AllTiffForms() {
   return testing::Values(TiffForm{true, false}, TiffForm{false, false}, TiffForm{true, true}, TiffForm{false, true});
 }
@@ -30,7 +30,7 @@ inline std::string TiffFormName(const testing::TestParamInfo<TiffForm>& info) {
   return std::string(info.param.bigTiff ? "Big" : "Classic") + (info.param.littleEndian ? "Little" : "Big") + "Endian";
 }
 
-// The file is: header, values that don't fit in their entries in order of adding, directory.
+/// The file is: header, values that don't fit in their entries in order of adding, directory.
 class TiffBytes {
  public:
   explicit TiffBytes(TiffForm form) : form_(form) {}
@@ -47,17 +47,17 @@ class TiffBytes {
   [[nodiscard]] std::size_t OffsetSize() const { return form_.bigTiff ? 8 : 4; }
   [[nodiscard]] std::size_t CountFieldSize() const { return form_.bigTiff ? 8 : 2; }
   [[nodiscard]] std::size_t HeaderSize() const { return form_.bigTiff ? 16 : 8; }
-  // Where the values, and then the directory, go next.
+  /// Where the values, and then the directory, go next.
   [[nodiscard]] std::uint64_t Here() const { return HeaderSize() + values_.size(); }
 
-  // An entry exactly as given: its value field holds `value`, filled with NULs at its end.
+  /// An entry exactly as given: its value field holds `value`, filled with NULs at its end.
   TiffBytes& Raw(std::uint16_t tag, std::uint16_t type, std::uint64_t count, std::string value) {
     value.resize(OffsetSize(), '\0');
     entries_.push_back(Number(tag, 2) + Number(type, 2) + Number(count, OffsetSize()) + value);
     return *this;
   }
 
-  // An entry with a sound value: inside if it fits, else ahead of the directory.
+  /// An entry with a sound value: inside if it fits, else ahead of the directory.
   TiffBytes& Field(std::uint16_t tag, std::uint16_t type, std::uint64_t count, const std::string& value) {
     if (value.size() <= OffsetSize()) return Raw(tag, type, count, value);
     Raw(tag, type, count, Number(Here(), OffsetSize()));
@@ -102,7 +102,7 @@ class TiffBytes {
   std::uint64_t next_ = 0;
 };
 
-// The text of the std::invalid_argument that the action throws; fails the test if it throws another thing or nothing.
+/// The text of the std::invalid_argument that the action throws; fails the test if it throws another thing or nothing.
 inline std::string InvalidArgumentText(const std::function<void()>& action) {
   try {
     action();

@@ -19,11 +19,11 @@ class TemporaryFolder {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
-  // Two owners would remove the folder twice.
+  /// Two owners would remove the folder twice.
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-  // Path of a file in the folder, whether it exists or not.
+  /// Path of a file in the folder, whether it exists or not.
   [[nodiscard]] std::string Path(const std::string& name) const { return (path_ / name).string(); }
 
  private:
