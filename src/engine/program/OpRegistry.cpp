@@ -16,7 +16,23 @@ std::vector<OpDefinition> Concatenate() {
   const auto append = [&all](std::vector<OpDefinition> family) {
     std::move(family.begin(), family.end(), std::back_inserter(all));
   };
+  append(ActivationOps());
+  append(CastOps());
+  append(ConvOps());
+  append(ElementwiseBinaryOps());
   append(ElementwiseUnaryOps());
+  append(AttentionOps());
+  append(GatherOps());
+  append(JoinOps());
+  append(LinearOps());
+  append(NormalizationOps());
+  append(PadOps());
+  append(PoolOps());
+  append(RearrangeOps());
+  append(ReductionOps());
+  append(ReshapeOps());
+  append(ResizeOps());
+  append(SliceOps());
   return all;
 }
 

@@ -94,7 +94,8 @@ Types InferClip(const OpCall& call) {
 Tensors EvaluateClip(const OpCall& call) {
   const double low = call.Float("alpha");
   const double high = call.Float("beta");
-  return MapFloats(call, [=](double x) { return std::isnan(x) ? x : std::min(std::max(x, low), high); });
+  // In this order of arguments NaN passes through both.
+  return MapFloats(call, [=](double x) { return std::min(std::max(x, low), high); });
 }
 
 Types InferThreshold(const OpCall& call) {
@@ -104,7 +105,7 @@ Types InferThreshold(const OpCall& call) {
 
 Tensors EvaluateThreshold(const OpCall& call) {
   const double low = call.Float("alpha");
-  return MapFloats(call, [low](double x) { return std::isnan(x) ? x : std::max(x, low); });
+  return MapFloats(call, [low](double x) { return std::max(x, low); });
 }
 
 Types InferLogicalNot(const OpCall& call) {
