@@ -26,6 +26,8 @@ from lumvane_training.network import Denoiser, parameter_count
 
 LOG_EVERY = 200
 SAVE_SECONDS = 120.0
+BUFFER_PIXELS = 12_000_000
+"""Crop pixels that each feeder keeps for mixing: some forty frames of a 512 px pool."""
 
 
 def learning_rate(run: config.Config, step: int, progress: float) -> float:
@@ -102,7 +104,7 @@ class Trainer:
         # The step in the seed makes a resumed run see new frames instead of its first ones again.
         seed = [self.run.seed, self.rank, self.step]
         self.feeder = Feeder(seed, self.run.pools, self.run.frame_laws, phase.patch, share, coverage=self.run.coverage,
-                             buffer=max(24, 3_000_000 // phase.patch**2))
+                             buffer=max(24, BUFFER_PIXELS // phase.patch**2))
 
     def train_step(self) -> float:
         """One step; returns the loss of this worker's share."""

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import multiprocessing
 import os
+import queue as queues
 from pathlib import Path
 
 import numpy as np
@@ -58,8 +59,17 @@ def batches(seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, bat
 
 def _run(queue, seed, paths, laws, patch, batch, coverage, buffer) -> None:
     os.environ["OMP_NUM_THREADS"] = "1"
+    trainer = multiprocessing.parent_process()
     for item in batches(seed, paths, laws, patch, batch, coverage, buffer):
-        queue.put(item)
+        while trainer.is_alive():
+            try:
+                queue.put(item, timeout=10)
+                break
+            except queues.Full:
+                # Waiting in slices, so that a feeder never outlives a trainer that was killed.
+                continue
+        else:
+            return
 
 
 class Feeder:
