@@ -42,8 +42,12 @@ std::string Quoted(std::string_view text) {
 }  // namespace
 
 OpCall::OpCall(const OpDefinition& definition, std::string_view name, int opset,
-               std::vector<std::vector<Operand>> operands)
-    : definition_(&definition), name_(name), opset_(opset), operands_(std::move(operands)) {
+               std::vector<std::vector<Operand>> operands, std::vector<TensorType> declared)
+    : definition_(&definition),
+      name_(name),
+      opset_(opset),
+      operands_(std::move(operands)),
+      declared_(std::move(declared)) {
   if (operands_.size() != definition.parameters.size()) {
     throw std::logic_error("operands of " + std::string(definition.key) + " are not aligned with its parameters");
   }

@@ -27,7 +27,9 @@ class OpCall {
   };
 
   /// Both constructors Fail if a required parameter has no operand or if one that is not variadic has several.
-  OpCall(const OpDefinition& definition, std::string_view name, int opset, std::vector<std::vector<Operand>> operands);
+  /// `declared` is what DeclaredShape answers from: the types of the results, where the call belongs to a program.
+  OpCall(const OpDefinition& definition, std::string_view name, int opset, std::vector<std::vector<Operand>> operands,
+         std::vector<TensorType> declared = {});
   /// The call that `operation` makes in `program`.
   OpCall(const Program& program, const Operation& operation);
 

@@ -1,5 +1,7 @@
 #include "engine/program/ops/Checks.h"
 
+#include "engine/Error.h"
+
 #include <string>
 
 namespace ulmora::engine::program {
@@ -56,6 +58,14 @@ void RequireShape(const OpCall& call, std::string_view parameter, const Shape& e
   const Shape& shape = call.ShapeOf(parameter);
   if (shape != expected) {
     call.Fail(std::string(parameter) + " has shape " + ToString(shape) + ", expected " + ToString(expected));
+  }
+}
+
+std::int64_t CountElements(const OpCall& call, const Shape& shape) {
+  try {
+    return ElementCount(shape);
+  } catch (const Error& error) {
+    call.Fail(error.what());
   }
 }
 

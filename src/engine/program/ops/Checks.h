@@ -27,6 +27,9 @@ void RequireFloatVector(const OpCall& call, std::string_view parameter, std::int
 /// Exactly this shape.
 void RequireShape(const OpCall& call, std::string_view parameter, const Shape& expected);
 
+/// ElementCount, whose complaint is made through the call.
+[[nodiscard]] std::int64_t CountElements(const OpCall& call, const Shape& shape);
+
 /// Ints of the parameter, `length` of them, each within [least, 2^31); all `fallback` if it is absent.
 [[nodiscard]] std::vector<std::int64_t> IntsOr(const OpCall& call, std::string_view parameter, std::size_t length,
                                                std::int64_t least, std::int64_t fallback);

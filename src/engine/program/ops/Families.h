@@ -8,14 +8,19 @@
 namespace ulmora::engine::program {
 
 std::vector<OpDefinition> ActivationOps();
+std::vector<OpDefinition> AttentionOps();
 std::vector<OpDefinition> CastOps();
 std::vector<OpDefinition> ConstexprOps();
 std::vector<OpDefinition> ConvOps();
 std::vector<OpDefinition> ElementwiseBinaryOps();
 std::vector<OpDefinition> ElementwiseUnaryOps();
+std::vector<OpDefinition> GatherOps();
+std::vector<OpDefinition> JoinOps();
 std::vector<OpDefinition> LinearOps();
 std::vector<OpDefinition> NormalizationOps();
+std::vector<OpDefinition> PadOps();
 std::vector<OpDefinition> PoolOps();
+std::vector<OpDefinition> RearrangeOps();
 std::vector<OpDefinition> ReductionOps();
 std::vector<OpDefinition> ReshapeOps();
 std::vector<OpDefinition> ResizeOps();
