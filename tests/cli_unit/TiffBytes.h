@@ -3,15 +3,16 @@
 // code.
 
 #include "cli/ByteOrder.h"
+#include "tests/support/Compare.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ulmora::test {
@@ -102,18 +103,10 @@ class TiffBytes {
   std::uint64_t next_ = 0;
 };
 
-/// The text of the std::invalid_argument that the action throws; fails the test if it throws another thing or nothing.
-inline std::string InvalidArgumentText(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::invalid_argument& failure) {
-    return failure.what();
-  } catch (const std::exception& failure) {
-    ADD_FAILURE() << "not an invalid_argument: " << failure.what();
-    return {};
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return {};
+/// The text of the std::invalid_argument that the call throws.
+template <typename Call>
+std::string InvalidArgumentText(Call&& call) {
+  return ThrownText<std::invalid_argument>(std::forward<Call>(call));
 }
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
