@@ -89,5 +89,51 @@ TEST(Specialize, RefusesRunTimeValuesWhereConstantsAreDemanded) {
   EXPECT_EQ(MessageOf(builder.program, {{4}, {}}), "threshold 't': parameter 'alpha' must be a constant");
 }
 
+TEST(Specialize, FollowsShapesThroughConstants) {
+  ProgramBuilder builder;
+  const ValueId x = builder.Input("x", {1, 3, kUnknownDim, kUnknownDim});
+  const ValueId dims = builder.Call("shape", {{"x", {x}}}, IntType({4}));
+  const ValueId factors = builder.Constant(Tensor::IntVector({1, 1, 2, 2}));
+  const ValueId doubled = builder.Call("mul", {{"x", {dims}}, {"y", {factors}}}, IntType({4}));
+  const ValueId zeros = builder.Call("fill", {{"shape", {doubled}}});
+  builder.Output(zeros);
+  const Program bound = Specialize(builder.program, {{1, 3, 2, 5}});
+  EXPECT_TRUE(bound.operations.empty());
+  EXPECT_EQ(bound.at(zeros).type.shape, (Shape{1, 3, 4, 10}));
+  EXPECT_TRUE(bound.at(zeros).constant.has_value());
+}
+
+TEST(Specialize, LeavesLargeResultsToTheRun) {
+  ProgramBuilder builder;
+  const ValueId shape = builder.Constant(Tensor::IntVector({(1 << 28) + 1}));
+  const ValueId zeros = builder.Call("fill", {{"shape", {shape}}});
+  builder.Output(zeros);
+  const Program bound = Specialize(builder.program, {});
+  EXPECT_EQ(bound.operations.size(), 1U);
+  EXPECT_EQ(bound.at(zeros).type.shape, (Shape{(1 << 28) + 1}));
+  EXPECT_FALSE(bound.at(zeros).constant.has_value());
+}
+
+TEST(Specialize, LeavesCostlyWorkToTheRun) {
+  ProgramBuilder builder;
+  const ValueId x = builder.Constant(Ramp({1, 1, 1 << 16}));
+  const ValueId longWeight = builder.Constant(Ramp({1, 1, 1 << 15}));
+  const ValueId shortWeight = builder.Constant(Tensor::Floats({1, 1, 1}, {2}));
+  const ValueId costly = builder.Call("conv", {{"x", {x}}, {"weight", {longWeight}}});
+  const ValueId folded = builder.Call("conv", {{"x", {longWeight}}, {"weight", {shortWeight}}});
+  const Program bound = Specialize(builder.program, {});
+  EXPECT_EQ(bound.operations.size(), 1U);
+  EXPECT_FALSE(bound.at(costly).constant.has_value());
+  EXPECT_TRUE(bound.at(folded).constant.has_value());
+}
+
+TEST(Specialize, RefusesResultsBeyondTheLimits) {
+  ProgramBuilder builder;
+  const ValueId shape = builder.Constant(Tensor::IntVector({1 << 16, 1 << 16}));
+  builder.Call("fill", {{"shape", {shape}}}, ProgramBuilder::AnyFloats(), "huge");
+  EXPECT_EQ(MessageOf(builder.program, {}),
+            "fill 'huge': tensor shape [65536, 65536] has more than 2147483648 elements");
+}
+
 }  // namespace
 }  // namespace ulmora::engine::program
