@@ -20,6 +20,7 @@ def details(state: dict) -> dict[str, str]:
         "training.generator": state["generator"], "training.seed": str(state["seed"]),
         "training.pool_seed": str(state["pool_seed"]), "training.steps": str(state["step"]),
         "training.megapixels": f"{state['megapixels']:.0f}", "training.schedule_done": f"{min(state['progress'], 1.0):.2f}",
+        "training.megapixels_before": f"{state.get('base_megapixels', 0.0):.0f}",
         "training.started_from": state["start_from"] or "random weights",
         "network.widths": " ".join(map(str, state["widths"])), "network.blocks": str(state["blocks"]),
     }

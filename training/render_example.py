@@ -120,7 +120,7 @@ def picture() -> tuple[Array, Array]:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--output", type=Path, default=config.TRAINING_ROOT.parent / "examples/nebula-field.tif")
+    parser.add_argument("--output", type=Path, default=config.TRAINING_ROOT.parent / "examples/nebula.tif")
     parser.add_argument("--truth", type=Path, help="also write the noise-free picture here")
     options = parser.parse_args()
     noisy, clean = picture()

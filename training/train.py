@@ -12,6 +12,7 @@ import argparse
 import copy
 import json
 import math
+import tempfile
 import time
 from pathlib import Path
 
@@ -59,6 +60,7 @@ class Trainer:
         self.optimiser = torch.optim.AdamW(self.network.parameters(), run.learning_rate, betas=(0.9, 0.99),
                                            weight_decay=run.weight_decay, foreach=True)
         self.step, self.seconds, self.megapixels = 0, 0.0, 0.0
+        self.skipped, self.base_megapixels = 0, 0.0
         self.feeder: Feeder | None = None
         self.phase: config.Phase | None = None
         self._resume()
@@ -71,10 +73,12 @@ class Trainer:
             self.average.load_state_dict(state["average"])
             self.optimiser.load_state_dict(state["optimiser"])
             self.step, self.seconds, self.megapixels = state["step"], state["seconds"], state["megapixels"]
+            self.base_megapixels = state.get("base_megapixels", 0.0)
         elif self.run.start_from:
             state = checkpoint.load(self.run.start_from)
             self.network.load_state_dict(state["average"])
             self.average.load_state_dict(state["average"])
+            self.base_megapixels = state["megapixels"] + state.get("base_megapixels", 0.0)
 
     @property
     def progress(self) -> float:
@@ -86,7 +90,7 @@ class Trainer:
         return {
             "network": self.network.state_dict(), "average": self.average.state_dict(),
             "optimiser": self.optimiser.state_dict(), "step": self.step, "seconds": self.seconds,
-            "megapixels": self.megapixels, "widths": list(self.run.widths), "blocks": self.run.blocks,
+            "megapixels": self.megapixels, "base_megapixels": self.base_megapixels, "widths": list(self.run.widths), "blocks": self.run.blocks,
             "name": self.run.name, "version": self.run.version, "seed": self.run.seed, "pool_seed": self.run.pool_seed,
             "generator": GENERATOR_VERSION, "progress": self.progress,
             "start_from": str(self.run.start_from.relative_to(config.TRAINING_ROOT)) if self.run.start_from else "",
@@ -118,7 +122,14 @@ class Trainer:
         self.optimiser.zero_grad()
         loss.backward()
         average_gradients(self.network, self.workers)
-        torch.nn.utils.clip_grad_norm_(self.network.parameters(), self.run.clip_norm)
+        norm = torch.nn.utils.clip_grad_norm_(self.network.parameters(), self.run.clip_norm)
+        if not torch.isfinite(norm):
+            # All workers hold the same averaged gradient, so all of them skip the step.
+            self.skipped += 1
+            if self.skipped > 20:
+                raise FloatingPointError("twenty steps in a row without a finite gradient")
+            return 0.0
+        self.skipped = 0
         self.optimiser.step()
         # A young average follows closely, an old one slowly.
         decay = min(self.run.average_decay, (1 + self.step) / (10 + self.step))
@@ -128,23 +139,27 @@ class Trainer:
         self.megapixels += self.workers * noisy.shape[0] * noisy.shape[2] * noisy.shape[3] / 1e6
         return float(loss.detach())
 
-    def shared_clock(self, elapsed: float) -> float:
-        """Worker 0's elapsed time, so that all workers stop and change phase at the same step."""
+    def shared_clock(self, elapsed: float) -> tuple[float, bool]:
+        """Worker 0's elapsed time and whether to stop, so that all workers stop and change phase at the same step."""
+        parent = multiprocessing.parent_process()
+        orphaned = parent is not None and not parent.is_alive()
         if self.workers == 1:
-            return elapsed
-        value = torch.tensor([elapsed], dtype=torch.float64)
+            return elapsed, orphaned
+        value = torch.tensor([elapsed, float(orphaned)], dtype=torch.float64)
         dist.broadcast(value, 0)
-        return float(value)
+        return float(value[0]), bool(value[1])
 
     def fit(self, stop_after: float) -> None:
         """Trains until the run's time is over or `stop_after` seconds have passed in this call."""
         start = last_log = last_save = time.monotonic()
-        clock, losses, last_megapixels = self.seconds, [], self.megapixels
-        while self.progress < 1.0 and time.monotonic() - start < stop_after + 60.0:
+        clock, calls, losses, last_megapixels = self.seconds, 0, [], self.megapixels
+        while self.progress < 1.0:
             losses.append(self.train_step())
-            if self.step % 10 == 0:
-                self.seconds = clock + self.shared_clock(time.monotonic() - start)
-                if self.seconds - clock > stop_after:
+            calls += 1
+            if calls % 10 == 0:
+                elapsed, orphaned = self.shared_clock(time.monotonic() - start)
+                self.seconds = clock + elapsed
+                if elapsed > stop_after or orphaned:
                     break
             if self.rank == 0 and self.step % LOG_EVERY == 0:
                 now = time.monotonic()
@@ -173,7 +188,7 @@ def work(rank: int, workers: int, options: argparse.Namespace) -> None:
     folder = options.runs / run.name
     folder.mkdir(parents=True, exist_ok=True)
     if workers > 1:
-        dist.init_process_group("gloo", init_method=f"tcp://127.0.0.1:{options.port}", rank=rank, world_size=workers)
+        dist.init_process_group("gloo", init_method=f"file://{options.meeting}", rank=rank, world_size=workers)
     trainer = Trainer(run, folder, rank, workers, torch.device(options.device))
     if rank == 0:
         print(f"{run.name}: {parameter_count(trainer.network)} weights, step {trainer.step}", flush=True)
@@ -187,13 +202,14 @@ def main() -> None:
     parser.add_argument("--device", default="cuda" if torch.cuda.is_available() else "cpu")
     parser.add_argument("--workers", type=int, default=1, help="processes that share each batch (CPU)")
     parser.add_argument("--threads", type=int, default=1, help="threads of each worker")
-    parser.add_argument("--port", type=int, default=29517)
     parser.add_argument("--stop-after", type=float, help="minutes after which this call stops; run it again to go on")
     options = parser.parse_args()
     if options.workers == 1:
         work(0, 1, options)
     else:
-        multiprocessing.spawn(work, args=(options.workers, options), nprocs=options.workers)
+        with tempfile.TemporaryDirectory() as folder:
+            options.meeting = Path(folder) / "workers"
+            multiprocessing.spawn(work, args=(options.workers, options), nprocs=options.workers)
 
 
 if __name__ == "__main__":

@@ -48,6 +48,9 @@ def batches(seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, bat
             pool = pools[int(rng.choice(len(pools), p=sizes / sizes.sum()))]
             light = np.array(pool[int(rng.integers(len(pool)))])
             pair = make_pair(rng, light, laws)
+            if not (np.isfinite(pair.noisy).all() and np.isfinite(pair.clean).all()):
+                print(f"feeder {seed}: frame {visits} ({pair.mode}) is not finite, left out", flush=True)
+                continue
             count = max(1, int(coverage * light.shape[1] * light.shape[2] / patch**2))
             store.extend(crops(rng, pair.noisy, pair.clean, patch, count))
         picked = rng.permutation(len(store))[:batch]

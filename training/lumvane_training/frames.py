@@ -82,6 +82,8 @@ def exposure(rng: np.random.Generator, light: Array, mono: bool) -> Array:
     brightness = 10 ** rng.uniform(-0.4, 0.2)
     level = 10 ** rng.uniform(-3.0, -0.9)
     frame = brightness * light + sky_map(rng, height, width, channels)
+    # Nobody keeps a frame that is saturated over half of its area, and no stretch is defined for it.
+    level = min(level, 0.5 / float(medians(frame).max()))
     return np.clip(level * frame * vignetting(rng, height, width), 0.0, 1.0).astype(np.float32)
 
 

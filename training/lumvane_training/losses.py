@@ -1,7 +1,8 @@
-"""The training loss: smooth absolute error, pooled errors that stand for flux, and the error's gradient.
+"""The training loss: smooth absolute error, pooled errors that stand for flux, and the gradient of the error.
 
 No adversarial and no perceptual term: both invent structure. Squared error alone blurs, absolute error alone drops faint
-stars; the pooled terms punish a star or a nebula that comes out slightly dim over its whole area.
+stars; the pooled terms punish a star or a nebula that comes out slightly dim over its whole area, the second of them in
+units that are closer to linear light.
 """
 
 from __future__ import annotations
@@ -16,6 +17,8 @@ SMOOTHING = 1e-3
 POOLS = (2, 4, 8)
 POOL_WEIGHT = 0.3
 GRADIENT_WEIGHT = 0.05
+BRIGHT_WEIGHT = 0.15
+BRIGHT_LIMIT = 8.0
 BORDER = 8
 
 
@@ -36,15 +39,31 @@ def patch_weights(noisy: Tensor, clean: Tensor) -> Tensor:
     return (weight / weight.mean())[:, None, None, None]
 
 
+def brightness_gain(clean: Tensor) -> Tensor:
+    """About 1 at the sky, rising as 1 / (1 - y) towards saturation, at most BRIGHT_LIMIT.
+
+    A stretch compresses bright light by about (1 - y): an error that looks small in a star's core there is a large one
+    in linear flux, and this undoes it.
+    """
+    return (0.8 / (1.05 - clean.clamp(0.0, 1.0))).clamp(max=BRIGHT_LIMIT)
+
+
+def _pools(error: Tensor, weight: Tensor) -> Tensor:
+    """Sum over scales of the weighted mean of |pooled error|."""
+    total = error.new_zeros(())
+    for _ in POOLS:
+        error, weight = functional.avg_pool2d(error, 2), functional.avg_pool2d(weight, 2)
+        total = total + (weight * error.abs()).mean()
+    return total
+
+
 def denoising_loss(output: Tensor, noisy: Tensor, clean: Tensor) -> Tensor:
     """The weighted loss of a batch [n, 3, p, p], p a multiple of 8."""
     error = output - clean
     weight = patch_weights(noisy, clean) * border_weight(error.shape[-1], error.device)
     loss = (weight * torch.sqrt(error.square() + SMOOTHING**2)).mean()
-    pooled, pooled_weight = error, weight
-    for _ in POOLS:
-        pooled, pooled_weight = functional.avg_pool2d(pooled, 2), functional.avg_pool2d(pooled_weight, 2)
-        loss = loss + POOL_WEIGHT * (pooled_weight * pooled.abs()).mean()
+    loss = loss + POOL_WEIGHT * _pools(error, weight)
+    loss = loss + BRIGHT_WEIGHT * _pools(error * brightness_gain(clean), weight)
     for axis in (-2, -1):
         slope = torch.diff(error, dim=axis)
         part = weight[..., 1:, :] if axis == -2 else weight[..., 1:]
