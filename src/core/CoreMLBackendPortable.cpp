@@ -67,6 +67,14 @@ void RequireTile(const cv::Mat& tile) {
   if (!tile.isContinuous()) throw std::runtime_error("CoreML input image must be continuous.");
 }
 
+// The engine runs tensors alone and would refuse an image output as it does everything that it cannot run.
+void RequireTensorOutput(const engine::Model& model) {
+  using engine::FeatureKind;
+  if (model.inputs().front().kind == FeatureKind::Tensor && model.outputs().front().kind != FeatureKind::Tensor) {
+    throw std::runtime_error("CoreML prediction did not return a multi-array output.");
+  }
+}
+
 std::span<float> BindInput(engine::Model& model, const engine::Shape& shape) {
   try {
     return model.BindInput(shape);
@@ -116,12 +124,10 @@ CoreMLBackend::~CoreMLBackend() = default;
 
 cv::Mat CoreMLBackend::RunTile(const cv::Mat& tile) {
   RequireTile(tile);
+  RequireTensorOutput(impl_->model);
   const engine::Shape shape = ShapeOf(tile);
   const std::span<float> input = BindInput(impl_->model, shape);
   cv::split(tile, Planes(input.data(), tile.rows, tile.cols).data());
-  if (impl_->model.outputs().front().kind != engine::FeatureKind::Tensor) {
-    throw std::runtime_error("CoreML prediction did not return a multi-array output.");
-  }
   return ImageOf(Predict(impl_->model), shape);
 }
 
