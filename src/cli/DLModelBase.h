@@ -4,6 +4,7 @@
 // DLModelBaseLinear and DLModelBaseWrite.
 
 #include "cli/CliDiagnostics.h"
+#include "cli/FitsMetadata.h"
 #include "cli/FitsOutputRole.h"
 #include "cli/FixedLinearMtf.h"
 #include "common/TileGeometry.h"
@@ -95,6 +96,8 @@ class DLModelBase {
   /// source has at or below the shadows point. A cv::Exception of a failed assertion unless the image has the size and
   /// type of the source.
   void RestoreFinalLinearSamples(cv::Mat& image) const;
+  /// Keeps the shadows points and constant channels of a linear run for the FITS writer; nothing for other inputs.
+  void RecordFitsLinearShadows(const std::vector<ulmora::core::LinearMtfChannel>& channels);
 
  protected:
   cv::Mat image_;         ///< working image, normalized, R, G, B; CV_32FC3, or CV_64FC3 in a linear run
@@ -104,6 +107,7 @@ class DLModelBase {
   bool linear_enabled_ = false;
   bool restore_shadows_ = true;
   std::unique_ptr<ulmora::cli::FixedLinearMtf> fixed_linear_mtf_;  ///< set in linear mode alone
+  ulmora::cli::FitsMetadata fits_metadata_;                        ///< what a FITS input was; for FITS inputs alone
   bool input_is_fits_ = false;
   std::string astro_tiff_header_;  ///< header text of a TIFF input; empty if there is none
   int input_depth_ = -1;           ///< OpenCV depth of a non-FITS input, -1 for FITS; decides the output depth
@@ -123,4 +127,12 @@ class DLModelBase {
   std::string weights_path_;
   std::string input_path_;
   std::string output_path_;
+
+ private:
+  /// Read a file with the FITS reader, or with the image decoder, and record what it was. The latter's result is empty
+  /// for a file that is no image.
+  cv::Mat DecodeFits(const std::string& path, bool linear);
+  cv::Mat DecodeOther(const std::string& path);
+  /// What the FITS writer is to reproduce: null unless the input was FITS.
+  [[nodiscard]] const ulmora::cli::FitsMetadata* FitsSource() const;
 };

@@ -52,6 +52,7 @@ void DLModelBase::ConfigureLinearMtf(bool linear, double shadowsClipping, double
                                      bool shadowRestoration) {
   linear_enabled_ = linear;
   restore_shadows_ = shadowRestoration;
+  fits_metadata_.restoreForwardShadowSamples = shadowRestoration;
   linear_image_.release();
   linear_channels_.clear();
   fixed_linear_mtf_.reset();
@@ -70,9 +71,20 @@ void DLModelBase::ConfigureLinearMtf(bool linear, double shadowsClipping, double
   image_ = fixed_linear_mtf_->EffectiveInput().clone();
   const std::vector<FixedLinearMtf::Channel>& channels = fixed_linear_mtf_->Channels();
   linear_channels_.assign(channels.begin(), channels.end());
+  RecordFitsLinearShadows(linear_channels_);
   linear_image_ = fixed_linear_mtf_->InferenceInput();
   for (std::size_t c = 0; c < channels.size(); ++c) {
     ReportChannel(c, channels[c], input_scale_, shadowsClipping, targetBackground, diagnostics);
+  }
+}
+
+void DLModelBase::RecordFitsLinearShadows(const std::vector<ulmora::core::LinearMtfChannel>& channels) {
+  fits_metadata_.shadowThresholds.clear();
+  fits_metadata_.constantChannels.clear();
+  if (!fits_metadata_.linear) return;
+  for (std::size_t c = 0; c < channels.size(); ++c) {
+    fits_metadata_.shadowThresholds.push_back(channels[c].shadows);
+    fits_metadata_.constantChannels.push_back(fixed_linear_mtf_->Channels()[c].constant);
   }
 }
 

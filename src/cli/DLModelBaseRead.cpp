@@ -4,6 +4,7 @@
 #include "cli/ChannelOrder.h"
 #include "cli/DLModelBase.h"
 #include "cli/FitsPath.h"
+#include "cli/FitsReader.h"
 #include "cli/FloatImageChannels.h"
 #include "cli/ImageDecoder.h"
 #include "cli/ImageStatistics.h"
@@ -19,6 +20,7 @@
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -139,25 +141,41 @@ bool PlanesAreEqual(const cv::Mat& image) {
 
 }  // namespace
 
+cv::Mat DLModelBase::DecodeFits(const std::string& path, bool linear) {
+  ulmora::cli::FitsImage source = ulmora::cli::ReadFitsImageWithMetadata(path, linear, Diagnostics());
+  fits_metadata_ = std::move(source.metadata);
+  input_is_fits_ = true;
+  input_depth_ = -1;
+  astro_tiff_header_.clear();
+  return source.image;
+}
+
+cv::Mat DLModelBase::DecodeOther(const std::string& path) {
+  cv::Mat image = ulmora::cli::DecodeImage(path);
+  input_is_fits_ = false;
+  input_depth_ = image.empty() ? -1 : image.depth();
+  astro_tiff_header_ = image.empty() ? std::string() : AstroTiffHeaderOf(path, Diagnostics());
+  return image;
+}
+
 cv::Mat DLModelBase::ReadImageIn(std::string path, bool upsample, bool linear) {
   const CliDiagnostics diagnostics = Diagnostics();
   diagnostics.Info("input", "Reading " + path);
   CheckInputPath(path);
   const bool fits = ulmora::cli::IsFitsPath(path);
-  if (fits) throw std::invalid_argument("FITS input is not supported by this build: " + path);
-
-  cv::Mat image = ulmora::cli::DecodeImage(path);
-  input_is_fits_ = fits;
-  input_depth_ = image.empty() ? -1 : image.depth();
-  astro_tiff_header_ = image.empty() ? std::string() : AstroTiffHeaderOf(path, diagnostics);
+  cv::Mat image = fits ? DecodeFits(path, linear) : DecodeOther(path);
   if (image.empty()) {
     throw std::invalid_argument("Unable to read input image: " + path +
                                 ". Check that the file is a readable TIFF/TIF, PNG, or supported FITS image.");
   }
-  input_scale_ = FixedDivisor(image.depth());
-  ReportFormat(path, image, diagnostics);
-  ReportRanges(image, input_scale_, diagnostics);
-  ReportConversion(input_scale_, linear, diagnostics);
+  if (fits) {
+    input_scale_ = fits_metadata_.fixedDivisor;
+  } else {
+    input_scale_ = FixedDivisor(image.depth());
+    ReportFormat(path, image, diagnostics);
+    ReportRanges(image, input_scale_, diagnostics);
+    ReportConversion(input_scale_, linear, diagnostics);
+  }
 
   grayscale_ = IsGrayscale(image);
   const double multiplier = fits ? 1.0 : InputNormalizationScale(image);

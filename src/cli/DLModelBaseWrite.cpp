@@ -3,7 +3,9 @@
 #include "cli/AstroTiffWriter.h"
 #include "cli/ChannelOrder.h"
 #include "cli/DLModelBase.h"
+#include "cli/FitsEncoding.h"
 #include "cli/FitsPath.h"
+#include "cli/FitsWriter.h"
 #include "cli/FloatImageChannels.h"
 #include "cli/ImageEncoder.h"
 #include "cli/TiffDirectory.h"
@@ -20,10 +22,6 @@ namespace {
 constexpr double kTop8Bit = 255.0;
 constexpr double kTop16Bit = 65535.0;
 constexpr int kTiffCompressionLzw = 5;
-
-[[noreturn]] void RefuseFits(const std::string& path) {
-  throw std::invalid_argument("FITS output is not supported by this build: " + path);
-}
 
 /// Lowers all samples above 2 to 2, which every integer format stores as its top value just the same. NaN stays.
 template <typename T>
@@ -61,6 +59,10 @@ int AstroTiffBits(const cv::Mat& image) {
 
 }  // namespace
 
+const ulmora::cli::FitsMetadata* DLModelBase::FitsSource() const {
+  return input_is_fits_ ? &fits_metadata_ : nullptr;
+}
+
 std::string DLModelBase::GetFileExt(std::string path, int length) {
   // A path shorter than this wraps round, and substr refuses it.
   std::string ending = path.substr(path.size() - static_cast<std::size_t>(length));
@@ -91,17 +93,20 @@ cv::Mat DLModelBase::PrepareOutputImage(std::string path, cv::Mat image, bool re
 }
 
 cv::Mat DLModelBase::ProjectMainOutput(const std::string& path, const cv::Mat& image) {
-  if (ulmora::cli::IsFitsPath(path)) RefuseFits(path);
+  if (ulmora::cli::IsFitsPath(path)) return ulmora::cli::ProjectFitsMainOutput(image, FitsSource());
   cv::Mat output = PrepareOutputImage(path, image, false);
   if (output.channels() == 3) ulmora::cli::SwapRedAndBlue(output);
   output.convertTo(output, CV_64F, output.depth() == CV_16U ? 1.0 / kTop16Bit : 1.0 / kTop8Bit, 0.0);
   return output;
 }
 
-void DLModelBase::WriteImage(std::string path, cv::Mat image, ulmora::cli::FitsOutputRole) {
+void DLModelBase::WriteImage(std::string path, cv::Mat image, ulmora::cli::FitsOutputRole role) {
   const ulmora::cli::CliDiagnostics diagnostics = Diagnostics();
   diagnostics.Info("output", "Writing " + path);
-  if (ulmora::cli::IsFitsPath(path)) RefuseFits(path);
+  if (ulmora::cli::IsFitsPath(path)) {
+    ulmora::cli::WriteFitsImage(path, image, grayscale_, FitsSource(), role, diagnostics);
+    return;
+  }
   diagnostics.Info("output_conversion", "display-format export; depth=" + std::to_string(image.elemSize1() * 8) +
                                             " bits; normalized display values, not physical FITS units");
   std::vector<int> parameters;
