@@ -17,11 +17,14 @@ std::vector<OpDefinition> Concatenate() {
     std::move(family.begin(), family.end(), std::back_inserter(all));
   };
   append(ActivationOps());
+  append(AttentionOps());
   append(CastOps());
+  append(CompositeOps());
+  append(ConstexprLookupOps());
+  append(ConstexprOps());
   append(ConvOps());
   append(ElementwiseBinaryOps());
   append(ElementwiseUnaryOps());
-  append(AttentionOps());
   append(GatherOps());
   append(JoinOps());
   append(LinearOps());

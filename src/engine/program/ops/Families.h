@@ -10,6 +10,8 @@ namespace ulmora::engine::program {
 std::vector<OpDefinition> ActivationOps();
 std::vector<OpDefinition> AttentionOps();
 std::vector<OpDefinition> CastOps();
+std::vector<OpDefinition> CompositeOps();
+std::vector<OpDefinition> ConstexprLookupOps();
 std::vector<OpDefinition> ConstexprOps();
 std::vector<OpDefinition> ConvOps();
 std::vector<OpDefinition> ElementwiseBinaryOps();
