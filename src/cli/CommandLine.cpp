@@ -34,6 +34,7 @@ CommandLine::CommandLine(const std::string& message, const std::string& version,
       machineInfo_("", "machine-info", "Print machine-readable product information as JSON and exit.", parser_),
       checkUpdates_("", "check-updates", "Check the latest Lumvane CLI version and exit.", parser_),
       machineProgress_("", "machine-progress", "Print machine-readable progress events as JSON Lines.", parser_) {
+  parser_.setOutput(&usage_);
   if (!reportsItself) parser_.setExceptionHandling(false);
 }
 

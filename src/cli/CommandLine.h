@@ -1,6 +1,8 @@
 #pragma once
 // The command line of the program: its option table and what the driver itself validates of a job's arguments.
 
+#include "cli/CommandLineUsage.h"
+
 #include <tclap/CmdLine.h>
 
 #include <string>
@@ -36,7 +38,8 @@ class CommandLine {
   [[nodiscard]] JobArguments Parse(int argc, const char* const* argv);
 
  private:
-  // In the order of the option table, in which the parser lists them.
+  CommandLineUsage usage_;
+  // In the order of the option table, in which the usage text lists them.
   TCLAP::CmdLine parser_;
   TCLAP::ValueArg<std::string> input_;
   TCLAP::ValueArg<std::string> output_;

@@ -3,11 +3,14 @@
 
 #include "cli/CliDiagnostics.h"
 #include "cli/CommandLine.h"
+#include "cli/HelpText.h"
 #include "cli/LumvaneModel.h"
+#include "cli/MachineInfo.h"
 #include "cli/ModelLookup.h"
 #include "cli/Product.h"
 #include "cli/Progress.h"
 #include "cli/QuietStandardError.h"
+#include "cli/UpdateCheck.h"
 #include "cli/WithModelContext.h"
 
 #include <tclap/ArgException.h>
@@ -30,7 +33,8 @@ constexpr int kFailure = -1;
 /// The text behind the options in the help text.
 std::string HelpMessage() {
   return std::string("\n Lumvane CLI, CoreML backend.") +
-         "\n CoreML acceleration is available on supported macOS systems." + "\n\n Lumvane v" + kVersion +
+         "\n CoreML acceleration is available on supported macOS systems." +
+         HelpContract(kPackageV1, kPackageV2, true) + "\n\n Lumvane v" + kVersion +
          "\n\n Published by the Lumvane developers.";
 }
 
@@ -69,7 +73,10 @@ void Denoise(const JobArguments& arguments) {
 /// the parsed switch when the word stands in the place of a value or behind "--".
 void Run(int argc, char** argv, bool machineMode) {
   CommandLine commandLine(HelpMessage(), kVersion, !machineMode);
-  if (argc <= 1) throw std::invalid_argument("The usage text is not available in this build. Try: lumvane --help");
+  if (argc <= 1) {
+    PrintNoArgsUsage();
+    return;
+  }
   const JobArguments arguments = commandLine.Parse(argc, argv);
   ValidateArguments(arguments);
   Denoise(arguments);
@@ -81,9 +88,12 @@ int main(int argc, char** argv) {
   OccupyStandardDescriptors();
   const bool machineMode = HasArg(argc, argv, "--machine-progress");
   // These two are answered whatever else is asked, so that a front end learns what it needs without a valid command.
-  if (HasArg(argc, argv, "--machine-info")) return Fail("--machine-info is not available in this build.", machineMode);
+  if (HasArg(argc, argv, "--machine-info")) {
+    WriteLumvaneMachineInfo(kPackageV1, kPackageV2);
+    return 0;
+  }
   if (HasArg(argc, argv, "--check-updates")) {
-    return Fail("--check-updates is not available in this build.", machineMode);
+    return RunUpdateCheck(kExecutableName, kDisplayName, kVersion, kBuildNumber, std::cout);
   }
   try {
     Run(argc, argv, machineMode);
