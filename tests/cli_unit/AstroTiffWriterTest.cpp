@@ -2,6 +2,7 @@
 #include "cli/AstroTiffWriter.h"
 #include "cli/TiffDirectory.h"
 #include "tests/cli_unit/TiffBytes.h"
+#include "tests/support/MemoryFile.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -244,26 +245,17 @@ TEST_P(AstroTiffWriterForms, BoundsClassicFilesByTheirOffsets) {
   }
 }
 
-// A file in memory whose writes fail from or below some position, as on a full or failing disk.
-class FailingFile : public std::stringbuf {
+/// A file whose writes fail between two positions, as on a full or failing disk.
+class FailingFile : public test::MemoryFile {
  public:
   FailingFile(const std::string& bytes, std::streamoff from, std::streamoff to)
-      : std::stringbuf(bytes, std::ios::in | std::ios::out), from_(from), to_(to) {}
+      : test::MemoryFile(bytes), from_(from), to_(to) {}
 
  protected:
   std::streamsize xsputn(const char* bytes, std::streamsize size) override {
     const std::streamoff at = std::stringbuf::seekoff(0, std::ios::cur, std::ios::out);
     if (at + size > from_ && at < to_) return 0;
     return std::stringbuf::xsputn(bytes, size);
-  }
-  // A buffer in memory cannot seek beyond its end, a file can.
-  std::streampos seekoff(std::streamoff offset, std::ios::seekdir way, std::ios::openmode which) override {
-    while ((which & std::ios::out) != 0 && way == std::ios::beg &&
-           offset > static_cast<std::streamoff>(std::stringbuf::str().size())) {
-      std::stringbuf::seekoff(0, std::ios::end, std::ios::out);
-      sputc('\0');
-    }
-    return std::stringbuf::seekoff(offset, way, which);
   }
 
  private:
