@@ -115,6 +115,7 @@ Tensor ConstantReader::Read(const coreml::Value& value) {
   if (!value.type().has_tensortype()) Fail("is a " + std::string(KindOf(value.type())) + ", expected a tensor");
   const TensorType type = ReadTensorType(value.type().tensortype());
   if (!type.rankKnown || !IsStatic(type.shape)) Fail("is a constant whose shape is not known");
+  static_cast<void>(ElementCount(type.shape));  // refuses absurd shapes before anything is looked up
   switch (value.value_case()) {
     case coreml::Value::kBlobFileValue:
       return ReadRecord(value.blobfilevalue().filename(), value.blobfilevalue().offset(), type);
@@ -152,8 +153,8 @@ const WeightFile& ConstantReader::FileOf(const std::string& name) {
 }
 
 void ConstantReader::Account(std::int64_t bytes) {
-  if (bytes > limits::kMaxConstantBytes - bytesTaken_) {
-    throw Error(Stage::Load, "constants of more than " + std::to_string(limits::kMaxConstantBytes) + " bytes");
+  if (bytes > maxBytes_ - bytesTaken_) {
+    throw Error(Stage::Load, "constants of more than " + std::to_string(maxBytes_) + " bytes");
   }
   bytesTaken_ += bytes;
 }

@@ -1,6 +1,7 @@
 #pragma once
 // Constants of a program, wherever they are kept: in the message itself or in a weight file.
 
+#include "engine/Limits.h"
 #include "engine/Tensor.h"
 #include "engine/package/Bundle.h"
 #include "engine/package/WeightFile.h"
@@ -29,11 +30,13 @@ namespace ulmora::engine::package {
 /// Decodes constants and keeps account of them. Constants that refer to the same record share one tensor.
 class ConstantReader {
  public:
-  explicit ConstantReader(const Bundle& bundle) : bundle_(bundle) {}
+  /// `maxBytes` bounds the elements of all constants together, decoded.
+  explicit ConstantReader(const Bundle& bundle, std::int64_t maxBytes = limits::kMaxConstantBytes)
+      : bundle_(bundle), maxBytes_(maxBytes) {}
 
   /// The tensor that `value` stands for. Throws Error(Open) for a value that is no tensor, has no static shape or other
   /// elements than its type says; Error(Load) for a damaged or missing weight file, and for constants that together
-  /// pass limits::kMaxConstantBytes, which is checked before memory is taken.
+  /// pass the bound, which is checked before memory is taken.
   [[nodiscard]] Tensor Read(const coreml::Value& value);
 
  private:
@@ -44,6 +47,7 @@ class ConstantReader {
   void Account(std::int64_t bytes);
 
   const Bundle& bundle_;
+  std::int64_t maxBytes_;
   std::int64_t bytesTaken_ = 0;
   std::map<std::filesystem::path, WeightFile> files_;
   std::map<RecordKey, Tensor> records_;

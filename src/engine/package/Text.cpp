@@ -5,7 +5,7 @@
 namespace ulmora::engine::package {
 namespace {
 
-constexpr std::size_t kQuotedBytes = 200;
+constexpr std::size_t kQuotedBytes = 1024;
 constexpr std::size_t kMaxNameBytes = 1024;
 
 bool IsControl(char c) {
@@ -16,7 +16,10 @@ bool IsControl(char c) {
 
 std::string Quoted(std::string_view text) {
   std::string quoted = "'";
-  quoted += text.substr(0, kQuotedBytes);
+  std::size_t length = std::min(text.size(), kQuotedBytes);
+  // Not within a character of several bytes.
+  while (length < text.size() && length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) --length;
+  quoted += text.substr(0, length);
   std::replace_if(quoted.begin(), quoted.end(), IsControl, '?');
   if (text.size() > kQuotedBytes) quoted += "...";
   return quoted + "'";

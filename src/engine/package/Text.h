@@ -9,7 +9,7 @@
 
 namespace ulmora::engine::package {
 
-/// `text` in single quotes, control characters as "?", cut after 200 bytes: a package must not be able to break our
+/// `text` in single quotes, control characters as "?", cut after 1024 bytes: a package must not be able to break our
 /// one-line messages or to flood them.
 [[nodiscard]] std::string Quoted(std::string_view text);
 

@@ -1,0 +1,121 @@
+#include "engine/package/ReadModel.h"
+#include "tests/engine/package/PackageTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace ulmora::engine::package {
+namespace {
+
+using testing::AddConst;
+using testing::ExpectError;
+using testing::Fixtures;
+using testing::IdentityModel;
+using testing::LittleEndian;
+using testing::TemporaryFolder;
+using testing::WeightFileBuilder;
+using testing::WritePackage;
+
+TEST(ReadModel, ConvertedPackage) {
+  const ModelSource source = ReadModel(Fixtures() / "identity.mlpackage");
+  EXPECT_EQ(source.specificationVersion, 6);
+  ASSERT_EQ(source.inputs.size(), 1U);
+  EXPECT_EQ(source.inputs[0].name, "image");
+  EXPECT_EQ(source.inputs[0].element, ElementType::Float32);
+  EXPECT_EQ(source.inputs[0].shape, (Shape{1, 3, 512, 512}));
+  ASSERT_EQ(source.outputs.size(), 1U);
+  EXPECT_EQ(source.outputs[0].name, "denoised");
+  EXPECT_TRUE(source.outputs[0].shape.empty());
+  ASSERT_EQ(source.program.operations.size(), 1U);
+  EXPECT_EQ(source.program.operations[0].type, "identity");
+}
+
+TEST(ReadModel, InterfaceTypesOfConvertedPackages) {
+  const ModelSource source = ReadModel(Fixtures() / "float16-output.mlpackage");
+  EXPECT_EQ(source.inputs.at(0).element, ElementType::Float32);
+  EXPECT_EQ(source.outputs.at(0).element, ElementType::Float16);
+  EXPECT_EQ(ReadModel(Fixtures() / "two-outputs.mlpackage").outputs.size(), 2U);
+}
+
+TEST(ReadModel, WeightsOfAConvertedPackage) {
+  const ModelSource source = ReadModel(Fixtures() / "unet-ios15-float16.mlpackage");
+  const auto& operations = source.program.operations;
+  const auto head = std::find_if(operations.begin(), operations.end(), [](const SourceOperation& operation) {
+    return operation.type == "const" && operation.attributes.at("val").shape() == Shape{8, 3, 3, 3};
+  });
+  ASSERT_NE(head, operations.end());
+  const Tensor& weight = head->attributes.at("val");
+  EXPECT_EQ(weight.element(), ElementType::Float16);
+  // PyTorch draws them uniformly between -1 / sqrt(27) and 1 / sqrt(27).
+  const auto [lowest, highest] = std::minmax_element(weight.floats().begin(), weight.floats().end());
+  EXPECT_LT(*lowest, -0.15F);
+  EXPECT_GT(*lowest, -0.1926F);
+  EXPECT_GT(*highest, 0.15F);
+  EXPECT_LT(*highest, 0.1926F);
+}
+
+TEST(ReadModel, EveryCommittedPackageCanBeRead) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(Fixtures())) {
+    if (entry.path().extension() != ".mlpackage") continue;
+    EXPECT_NO_THROW(static_cast<void>(ReadModel(entry.path()))) << entry.path();
+    ++count;
+  }
+  EXPECT_GE(count, 25);
+}
+
+TEST(ReadModel, MissingAndForeignPaths) {
+  const TemporaryFolder folder;
+  ExpectError(Stage::Open, {"there is no file or directory"},
+              [&] { static_cast<void>(ReadModel(folder.path() / "gone")); });
+  ExpectError(Stage::Open, {"holds no Manifest.json"}, [&] { static_cast<void>(ReadModel(folder.path())); });
+}
+
+TEST(ReadModel, ModelFileThatTheManifestNamesIsMissing) {
+  const TemporaryFolder folder;
+  folder.Write("p.mlpackage/Manifest.json", testing::ManifestText("gone.mlmodel"));
+  ExpectError(Stage::Open, {"cannot open", "Data/gone.mlmodel", "No such file"},
+              [&] { static_cast<void>(ReadModel(folder.path() / "p.mlpackage")); });
+}
+
+TEST(ReadModel, OtherTypesOfModelsAreNamed) {
+  const auto expectNamed = [](const char* name, const auto& set) {
+    const TemporaryFolder folder;
+    coreml::Model model = IdentityModel();
+    set(model);
+    ExpectError(
+        Stage::Translate,
+        {"model.mlmodel'", std::string("the model is of type ") + name + ", expected an ML program (mlProgram)"},
+        [&] { static_cast<void>(ReadModel(WritePackage(folder, model))); });
+  };
+  expectNamed("neuralNetwork", [](coreml::Model& model) { model.mutable_neuralnetwork(); });
+  expectNamed("neuralNetworkClassifier", [](coreml::Model& model) { model.mutable_neuralnetworkclassifier(); });
+  expectNamed("pipeline", [](coreml::Model& model) { model.mutable_pipeline(); });
+  expectNamed("unknown", [](coreml::Model& model) { model.clear_mlprogram(); });
+}
+
+TEST(ReadModel, MessagesNameFileOperationAndRecord) {
+  const TemporaryFolder folder;
+  coreml::Model model = IdentityModel();
+  coreml::Value& value = AddConst(model, "weight", coreml::FLOAT16, {4});
+  value.mutable_blobfilevalue()->set_filename("@model_path/weights/weight.bin");
+  value.mutable_blobfilevalue()->set_offset(64);
+  WeightFileBuilder weights;
+  weights.Add(1, LittleEndian(0, 6));
+  ExpectError(
+      Stage::Load,
+      {"com.apple.CoreML/model.mlmodel': function 'main': 'const' operation 'weight': attribute 'val': record at "
+       "offset 64 of '",
+       "weight.bin': holds 6 bytes, expected 8 for float16 [4]"},
+      [&] { static_cast<void>(ReadModel(WritePackage(folder, model, weights.bytes()))); });
+}
+
+TEST(ReadModel, PackagesBehindSymbolicLinksAreFine) {
+  const TemporaryFolder folder;
+  std::filesystem::create_directory_symlink(Fixtures() / "gain-half.mlpackage", folder.path() / "link.mlpackage");
+  EXPECT_EQ(ReadModel(folder.path() / "link.mlpackage").inputs.size(), 1U);
+}
+
+}  // namespace
+}  // namespace ulmora::engine::package
