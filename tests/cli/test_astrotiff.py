@@ -128,6 +128,13 @@ def test_other_formats_drop_the_header(lumvane, tmp_path):
     assert np.array_equal(load(tmp_path / "out.png"), pixels)
 
 
+def test_fits_outputs_drop_the_header(lumvane, tmp_path):
+    write_tiff(tmp_path / "in.tif", noise_image(512, 512, 1, np.uint16), HEADER)
+    run = lumvane.denoise("in.tif", "out.fits")
+    assert run.status == 0, run.err
+    assert b"M 31" not in (tmp_path / "out.fits").read_bytes()
+
+
 def test_tiffs_of_other_sources_have_no_header(lumvane, tmp_path):
     save(tmp_path / "in.png", noise_image(512, 512, 3, np.uint16))
     assert lumvane.denoise("in.png", "out.tif").status == 0

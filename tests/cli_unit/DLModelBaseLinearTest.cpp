@@ -11,6 +11,7 @@
 #include <iostream>
 #include <limits>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -30,6 +31,7 @@ class LinearModel : public DLModelBase {
     image_ = grayscale_ ? ulmora::cli::GrayToRgb(source) : source;
     source_image_ = source;
   }
+  using DLModelBase::fits_metadata_;
   using DLModelBase::fixed_linear_mtf_;
   using DLModelBase::image_;
   using DLModelBase::input_scale_;
@@ -289,6 +291,36 @@ TEST(LinearModel, AssertsTheFormOfTheFinalImage) {
       EXPECT_EQ(failure.line, 141);
     }
   }
+}
+
+TEST(LinearModel, LeavesTheFitsWriterItsThresholdsAndConstantChannels) {
+  Random random;
+  cv::Mat source = Sky(random, 6, 6, CV_64FC3);
+  for (int y = 0; y < 6; ++y) {
+    for (int x = 0; x < 6; ++x) source.at<cv::Vec3d>(y, x)[1] = 0.5;
+  }
+  LinearModel model(source);
+  model.fits_metadata_.linear = true;
+  Configure(model, -0.5);
+  EXPECT_FALSE(model.fits_metadata_.restoreForwardShadowSamples);
+  ASSERT_EQ(model.fits_metadata_.shadowThresholds.size(), 3u);
+  for (std::size_t c = 0; c < 3; ++c) {
+    EXPECT_EQ(model.fits_metadata_.shadowThresholds[c], model.linear_channels_[c].shadows);
+  }
+  EXPECT_GT(model.fits_metadata_.shadowThresholds[0], 0.0);
+  EXPECT_EQ(model.fits_metadata_.constantChannels, (std::vector<bool>{false, true, false}));
+  Configure(model, -0.5, 0.25, true);
+  EXPECT_TRUE(model.fits_metadata_.restoreForwardShadowSamples);
+  EXPECT_EQ(model.fits_metadata_.shadowThresholds.size(), 3u);
+}
+
+TEST(LinearModel, RecordsNoThresholdsForOtherInputs) {
+  Random random;
+  LinearModel model(Sky(random, 6, 6, CV_64FC3));
+  const std::string text = Configure(model);
+  EXPECT_TRUE(model.fits_metadata_.shadowThresholds.empty());
+  EXPECT_TRUE(model.fits_metadata_.constantChannels.empty());
+  EXPECT_NE(text.find("channel=3 "), std::string::npos);
 }
 
 TEST(LinearModel, CanBeConfiguredAnew) {
