@@ -59,3 +59,10 @@ def test_patch_weights_have_mean_one():
     clean = torch.rand(8, 3, 32, 32)
     weight = losses.patch_weights(clean + torch.linspace(0.001, 0.2, 8)[:, None, None, None], clean)
     assert weight.mean() == pytest.approx(1.0, abs=1e-5) and weight[0] > weight[-1]
+
+
+def test_lattice_term_sees_a_checkerboard_and_no_slope():
+    row, column = torch.meshgrid(torch.arange(32.0), torch.arange(32.0), indexing="ij")
+    board = ((row + column) % 2).expand(1, 3, 32, 32)
+    assert losses._lattice(board).item() == pytest.approx(0.5)
+    assert losses._lattice(torch.full((1, 3, 32, 32), 0.7)).item() == pytest.approx(0.0, abs=1e-6)
