@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <functional>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace ulmora {
 namespace {

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <sstream>
 #include <string>
 #include <typeinfo>
