@@ -39,19 +39,23 @@ void CliDiagnostics::Write(const char* severity, const std::string& code, const 
   const std::string level = severity;
   const bool warning = level == "warning";
   const std::string text = warning && message.starts_with(prefix) ? message.substr(prefix.size()) : message;
-  if (!machineProgress) {
-    *stream << (warning ? "Warning" : "Info") << " [" << Escape(code) << "]: " << Escape(text) << '\n';
-    return;
+  // Put together first and written at once: the unbuffered standard error makes a system call of every small piece, and
+  // a line in pieces could be torn by another writer.
+  std::ostringstream line;
+  if (machineProgress) {
+    line << "{\"schema\":";
+    JsonString(line, Schema());
+    line << ",\"severity\":";
+    JsonString(line, level);
+    line << ",\"code\":";
+    JsonString(line, code);
+    line << ",\"message\":";
+    JsonString(line, text);
+    line << "}\n";
+  } else {
+    line << (warning ? "Warning" : "Info") << " [" << Escape(code) << "]: " << Escape(text) << '\n';
   }
-  *stream << "{\"schema\":";
-  JsonString(*stream, Schema());
-  *stream << ",\"severity\":";
-  JsonString(*stream, level);
-  *stream << ",\"code\":";
-  JsonString(*stream, code);
-  *stream << ",\"message\":";
-  JsonString(*stream, text);
-  *stream << "}\n";
+  *stream << line.str();
 }
 
 }  // namespace ulmora::cli

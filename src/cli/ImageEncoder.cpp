@@ -56,16 +56,18 @@ bool IsWholeTiff(const std::string& path) {
   return true;
 }
 
-/// Formats without compression: behind some header all the samples, or for a bitmap a bit of each.
+/// Formats without compression: behind some header all the samples, or for a bitmap a bit of each in whole bytes a row.
 bool HoldsAllSamples(const FileEnds& ends, const cv::Mat& image) {
-  const bool bitmap = ends.BeginsWith("P1") || ends.BeginsWith("P4");
-  const std::uint64_t samples =
-      static_cast<std::uint64_t>(image.total()) * static_cast<std::uint64_t>(image.channels());
-  return ends.size >= (bitmap ? samples / 8 : samples * image.elemSize1());
+  const auto rows = static_cast<std::uint64_t>(image.rows);
+  const std::uint64_t rowSamples =
+      static_cast<std::uint64_t>(image.cols) * static_cast<std::uint64_t>(image.channels());
+  return ends.size >= rows * (ends.BeginsWith("P4") ? (rowSamples + 7) / 8 : rowSamples * image.elemSize1());
 }
 
 bool IsWhole(const std::string& path, const FileEnds& ends, const cv::Mat& image) {
   using namespace std::string_view_literals;
+  // No format takes less for its header alone.
+  if (ends.size < ends.last.size()) return false;
   if (ends.BeginsWith("BM")) return Read32(ends.first.data() + 2, true) == static_cast<std::uint32_t>(ends.size);
   if (ends.BeginsWith("\x89PNG"sv)) return ends.EndsWith("\0\0\0\0IEND\xAE\x42\x60\x82"sv);
   if (ends.BeginsWith("\xFF\xD8\xFF"sv)) return ends.EndsWith("\xFF\xD9"sv);
@@ -75,7 +77,7 @@ bool IsWhole(const std::string& path, const FileEnds& ends, const cv::Mat& image
       ends.BeginsWith("\x59\xA6\x6A\x95"sv)) {
     return HoldsAllSamples(ends, image);
   }
-  return ends.size > 0;
+  return true;
 }
 
 }  // namespace

@@ -3,16 +3,31 @@
 #include "cli/JsonString.h"
 
 #include <iomanip>
+#include <sstream>
 
 namespace ulmora::cli {
 namespace {
 
-/// Everything of a line up to the first key that differs between events.
-std::ostream& Begin(std::ostream& stream, const char* event, const char* stage) {
-  stream << "{\"schema\":";
-  JsonString(stream, ProgressSchema());
-  return stream << ",\"event\":\"" << event << "\",\"stage\":\"" << stage << '"';
-}
+/// One event, put together first and written at once, since the unbuffered standard error makes a system call of every
+/// small piece. Begins with all up to the first key that differs between events.
+class EventLine {
+ public:
+  EventLine(const char* event, const char* stage) {
+    line_ << "{\"schema\":";
+    JsonString(line_, ProgressSchema());
+    line_ << ",\"event\":\"" << event << "\",\"stage\":\"" << stage << '"' << std::fixed << std::setprecision(1);
+  }
+
+  std::ostream& Rest() { return line_; }
+
+  void WriteTo(std::ostream& stream) {
+    line_ << "}\n";
+    stream << line_.str() << std::flush;
+  }
+
+ private:
+  std::ostringstream line_;
+};
 
 }  // namespace
 
@@ -25,24 +40,29 @@ float ProgressPercent(int current, int total) {
 }
 
 void WriteProgressStart(std::ostream& stream, int total) {
-  Begin(stream, "start", "inference") << ",\"current\":0,\"total\":" << total << ",\"percent\":0.0}" << std::endl;
+  EventLine line("start", "inference");
+  line.Rest() << ",\"current\":0,\"total\":" << total << ",\"percent\":0.0";
+  line.WriteTo(stream);
 }
 
 void WriteProgress(std::ostream& stream, int current, int total) {
-  Begin(stream, "progress", "inference") << ",\"current\":" << current << ",\"total\":" << total
-                                         << ",\"percent\":" << std::fixed << std::setprecision(1)
-                                         << ProgressPercent(current, total) << '}' << std::endl;
+  EventLine line("progress", "inference");
+  line.Rest() << ",\"current\":" << current << ",\"total\":" << total
+              << ",\"percent\":" << ProgressPercent(current, total);
+  line.WriteTo(stream);
 }
 
 void WriteProgressFinish(std::ostream& stream, int total) {
-  Begin(stream, "finish", "inference") << ",\"current\":" << total << ",\"total\":" << total
-                                       << ",\"percent\":100.0,\"ok\":true}" << std::endl;
+  EventLine line("finish", "inference");
+  line.Rest() << ",\"current\":" << total << ",\"total\":" << total << ",\"percent\":100.0,\"ok\":true";
+  line.WriteTo(stream);
 }
 
 void WriteProgressError(std::ostream& stream, const std::string& message) {
-  Begin(stream, "error", "processing") << ",\"ok\":false,\"message\":";
-  JsonString(stream, message);
-  stream << '}' << std::endl;
+  EventLine line("error", "processing");
+  line.Rest() << ",\"ok\":false,\"message\":";
+  JsonString(line.Rest(), message);
+  line.WriteTo(stream);
 }
 
 void WriteWorking(std::ostream& stream, int current, int total) {

@@ -16,8 +16,7 @@ float ProgressPercent(int current, int total);
 /// The JSON line before the first tile, flushed.
 void WriteProgressStart(std::ostream& stream, int total);
 
-/// The JSON line of a tile that begins, flushed. `current` counts tiles begun, from 1. Leaves the stream in fixed
-/// notation with one decimal.
+/// The JSON line of a tile that begins, flushed. `current` counts tiles begun, from 1.
 void WriteProgress(std::ostream& stream, int current, int total);
 
 /// The JSON line after the last tile, flushed.
