@@ -4,17 +4,28 @@
 #include "engine/Tensor.h"
 #include "engine/program/Program.h"
 
+#include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
+#include <vector>
 
 namespace ulmora::engine::cpu {
+
+/// In which layout operations work if they can: tests reach every kernel by it.
+enum class LayoutPreference : std::uint8_t { Cheapest, Plain, ChannelsLast, Blocked };
+
+struct ExecutableOptions {
+  bool winograd = true;  ///< Winograd convolutions where they are faster; their rounding errors are a little larger
+  LayoutPreference layout = LayoutPreference::Cheapest;
+};
 
 /// Runs one specialized and rewritten program. Running does not allocate (operations that run by their reference
 /// evaluation excepted) and flushes subnormal numbers on every computing thread for the time of the run.
 class Executable {
  public:
   /// Compiles. The program must have one input and one output. Throws Error(Run).
-  explicit Executable(const program::Program& program);
+  explicit Executable(const program::Program& program, const ExecutableOptions& options = {});
   ~Executable();
   Executable(Executable&&) noexcept;
   Executable& operator=(Executable&&) noexcept;
@@ -32,6 +43,11 @@ class Executable {
   /// Bytes of intermediate tensors (the arena) and of reordered weights, for the memory account of a run.
   [[nodiscard]] std::size_t arenaBytes() const noexcept;
   [[nodiscard]] std::size_t weightBytes() const noexcept;
+
+  /// The steps of a run in order, as "<operation>: <what runs it>", and the time that each took in one run, in
+  /// microseconds; for measurements.
+  [[nodiscard]] std::vector<std::string> StepNames() const;
+  [[nodiscard]] std::vector<double> TimeSteps();
 
  private:
   struct State;
