@@ -141,7 +141,7 @@ bool IsTiffPath(const std::string& path) {
 }
 
 void ReadExact(std::istream& stream, std::uint64_t offset, void* buffer, std::size_t size, const std::string& path) {
-  // An offset beyond the signed range would wrap into a valid-looking position.
+  // No stream has such a position, and the cast below would make it negative.
   if (offset > static_cast<std::uint64_t>(std::numeric_limits<std::streamoff>::max())) RefuseTruncated(path);
   stream.clear();
   stream.seekg(static_cast<std::streamoff>(offset), std::ios::beg);

@@ -186,6 +186,16 @@ TEST(FixedLinearMtf, CallsOnlyExactlyEqualSamplesConstant) {
   EXPECT_EQ(mtf.Channels()[0].shadows, 0.0);
 }
 
+TEST(FixedLinearMtf, CountsASampleAtTheShadowsPointAsClipped) {
+  // No spread, so the shadows point is 0 exactly.
+  const cv::Mat image = (cv::Mat_<double>(1, 5) << 0.0, 0.5, 0.5, 0.5, 0.5);
+  const FixedLinearMtf mtf = Prepare(image);
+  EXPECT_EQ(mtf.Channels()[0].clippedSamples, 1u);
+  cv::Mat output(1, 5, CV_64FC1, cv::Scalar(0.25));
+  mtf.RestoreNormalized(output);
+  EXPECT_TRUE(test::SameBits(output, (cv::Mat_<double>(1, 5) << 0.0, 0.25, 0.25, 0.25, 0.25)));
+}
+
 TEST(FixedLinearMtf, AcceptsConstantChannelsOfAnyLevel) {
   for (const double level : {-1.0, 0.0, 1.0, 50.0}) {
     const FixedLinearMtf mtf = Prepare(cv::Mat(3, 3, CV_64FC1, cv::Scalar(level)));
