@@ -1,7 +1,6 @@
 // conv and conv_transpose compiled against their reference evaluation, with and without fused steps.
 
 #include "engine/program/OpRegistry.h"
-#include "engine/program/Specialize.h"
 #include "tests/engine/cpu/CpuTesting.h"
 
 #include <gtest/gtest.h>
@@ -162,9 +161,10 @@ class FusedNetwork {
 
   /// `keepOther`: the other convolution's result is read later, too, and must survive.
   program::Program Finish(bool keepOther) {
-    const ValueId result = keepOther ? builder_.Call("add", {{"x", {main_}}, {"y", {other_}}}) : main_;
+    const ValueId result =
+        keepOther ? builder_.Call("add", {{"x", {main_}}, {"y", {other_}}}, program::FloatType(shape_)) : main_;
     builder_.Output(result);
-    return program::Specialize(builder_.program, {shape_});
+    return builder_.program;
   }
 
   [[nodiscard]] const Shape& shape() const { return shape_; }
@@ -175,7 +175,7 @@ class FusedNetwork {
   ValueId Convolution(ValueId x) {
     const ValueId weight = builder_.Constant(random_.Floats({shape_[1], shape_[1], 3, 3}, -0.2F, 0.2F));
     const ValueId same = builder_.Constant(Tensor::Text("same"));
-    return builder_.Call("conv", {{"x", {x}}, {"weight", {weight}}, {"pad_type", {same}}});
+    return builder_.Call("conv", {{"x", {x}}, {"weight", {weight}}, {"pad_type", {same}}}, program::FloatType(shape_));
   }
 
   ValueId OtherOperand(StepCase::Other other) {

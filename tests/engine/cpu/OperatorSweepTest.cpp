@@ -3,6 +3,7 @@
 
 #include "engine/cpu/Lowering.h"
 #include "engine/program/OpRegistry.h"
+#include "engine/program/Specialize.h"
 #include "tests/engine/cpu/CpuTesting.h"
 
 #include <gtest/gtest.h>
