@@ -80,6 +80,22 @@ bool IsWhole(const std::string& path, const FileEnds& ends, const cv::Mat& image
   return true;
 }
 
+bool IsNoRegularFile(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error);
+}
+
+/// A pipe or device can be neither sought in nor looked at afterwards, so it gets the whole file in one piece.
+bool EncodeToDevice(const std::string& path, const cv::Mat& image, const std::vector<int>& parameters) {
+  const std::filesystem::path ending = std::filesystem::path(path).extension();
+  std::vector<std::uint8_t> bytes;
+  if (!cv::imencode(ending.string(), image, bytes, parameters)) return false;
+  std::ofstream device(path, std::ios::binary);
+  device.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  device.close();
+  return device.good();
+}
+
 }  // namespace
 
 bool IsWholeImageFile(const std::string& path, const cv::Mat& image) {
@@ -98,13 +114,13 @@ bool IsWholeImageFile(const std::string& path, const cv::Mat& image) {
 bool EncodeImage(const std::string& path, const cv::Mat& image, const std::vector<int>& parameters) {
   try {
     const QuietStandardError quiet;
-    if (!cv::imwrite(path, image, parameters)) return false;
+    if (IsNoRegularFile(path)) return EncodeToDevice(path, image, parameters);
+    return cv::imwrite(path, image, parameters) && IsWholeImageFile(path, image);
   } catch (cv::Exception& error) {
     // The library ends its texts in a line feed, which would leave an empty line in the middle of a failure message.
     while (!error.msg.empty() && error.msg.back() == '\n') error.msg.pop_back();
     throw;
   }
-  return IsWholeImageFile(path, image);
 }
 
 }  // namespace ulmora::cli

@@ -8,6 +8,8 @@
 
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
 
 namespace ulmora::cli {
 namespace {
@@ -96,6 +98,28 @@ TEST(ImageEncoderFailure, AnUnknownEndingPassesOnTheLibrarysTextWithoutItsLineFe
     EXPECT_NE(text.find("could not find a writer for the specified extension"), std::string::npos) << text;
     EXPECT_NE(text.back(), '\n');
   }
+}
+
+TEST(ImageEncoderFailure, AFullDeviceIsAFailureAndAnotherGetsTheWholeFile) {
+  test::TemporaryFolder folder;
+  for (const std::string ending : {"png", "tif", "jpg", "bmp", "ppm"}) {
+    std::filesystem::create_symlink("/dev/full", folder.Path("full." + ending));
+    EXPECT_FALSE(EncodeImage(folder.Path("full." + ending), Noise(CV_8UC3), {})) << ending;
+    std::filesystem::create_symlink("/dev/null", folder.Path("null." + ending));
+    EXPECT_TRUE(EncodeImage(folder.Path("null." + ending), Noise(CV_8UC3), {})) << ending;
+  }
+}
+
+TEST(ImageEncoderFailure, APipeGetsTheWholeFile) {
+  test::TemporaryFolder folder;
+  const cv::Mat image = Noise(CV_8UC3);
+  ASSERT_EQ(mkfifo(folder.Path("pipe.png").c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] { received = test::ReadFile(folder.Path("pipe.png")); });
+  EXPECT_TRUE(EncodeImage(folder.Path("pipe.png"), image, {}));
+  reader.join();
+  EXPECT_TRUE(test::SameBits(
+      cv::imdecode(std::vector<std::uint8_t>(received.begin(), received.end()), cv::IMREAD_UNCHANGED), image));
 }
 
 TEST(ImageEncoderFailure, WhatIsNoRegularFileIsNotJudged) {
