@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
 
 #include <cmath>
 #include <filesystem>
@@ -117,6 +118,31 @@ TEST(CoreMLBackendTile, IdentityReturnsEverySampleInItsPlace) {
     EXPECT_NE(result.data, tile.data);
     EXPECT_TRUE(result.isContinuous());
   }
+}
+
+// A recorded [1, 3, rows, cols] tensor, moved into an image sample by sample.
+cv::Mat RecordedImage(const std::string& name, int rows, int cols) {
+  std::ifstream file(LUMVANE_SOURCE_DIR "/tests/fixtures/packages/" + name + ".f32", std::ios::binary);
+  cv::Mat image(rows, cols, CV_32FC3);
+  for (int c = 0; c < 3; ++c) {
+    for (int y = 0; y < rows; ++y) {
+      for (int x = 0; x < cols; ++x) {
+        EXPECT_TRUE(file.read(reinterpret_cast<char*>(&image.at<cv::Vec3f>(y, x)[c]), sizeof(float)));
+      }
+    }
+  }
+  return image;
+}
+
+TEST(CoreMLBackendTile, ChannelsAreThePlanesInTheirOrder) {
+  // A network that treats its channels differently, with what another framework made of the same input.
+  CoreMLBackend backend(Fixture("unet-ios15-float32"));
+  const cv::Mat expected = RecordedImage("unet-ios15-float32", 32, 40);
+  const cv::Mat result = backend.RunTile(RecordedImage("recorded-input", 32, 40));
+  EXPECT_TRUE(test::Near(result, expected, 1e-4 * cv::norm(expected, cv::NORM_INF)));
+  cv::Mat swapped;
+  cv::cvtColor(expected, swapped, cv::COLOR_RGB2BGR);
+  EXPECT_FALSE(test::Near(result, swapped, 1e-2 * cv::norm(expected, cv::NORM_INF)));
 }
 
 TEST(CoreMLBackendTile, ResultsStayWhenTheNextTileRuns) {
