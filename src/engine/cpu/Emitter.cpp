@@ -60,6 +60,9 @@ BufferId Emitter::Source(program::ValueId value, Layout layout) {
   if (here) return *here;
   const program::Value& known = program_.at(value);
   const Shape& shape = known.type.shape;
+  if (layout != Layout::Plain && StorageOf(known.type.element) != Storage::Float) {
+    throw std::logic_error("value '" + known.name + "' holds no floats and has no layout but the plain one");
+  }
   if (known.constant) {
     const bool isPlain = layout == Layout::Plain || SameBytes(shape, Layout::Plain, layout);
     const BufferId buffer =

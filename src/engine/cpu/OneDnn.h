@@ -83,6 +83,13 @@ template <typename Primitive>
 /// Whether convolutions by Winograd's algorithm exist at all (x86 lost them in 3.0).
 inline constexpr bool kHasWinograd = DNNL_VERSION_MAJOR < 3;
 
+/// Whether a deconvolution's kernel does post-operations itself. Others than these have them done by the reference
+/// implementation, element by element, which takes many times as long as the deconvolution.
+template <typename Description>
+[[nodiscard]] bool DeconvolutionFuses(const Description& description) {
+  return std::string_view(description.impl_info_str()).starts_with("brg");
+}
+
 /// A function that the library applies to each element.
 struct Eltwise {
   dnnl::algorithm algorithm = dnnl::algorithm::eltwise_linear;

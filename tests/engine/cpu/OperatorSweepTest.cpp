@@ -15,7 +15,7 @@
 namespace ulmora::engine::cpu {
 namespace {
 
-constexpr std::uint32_t kCases = 8;
+constexpr std::uint32_t kCases = 16;
 
 Tensor Ints(const std::vector<std::int64_t>& values) {
   return Tensor::IntVector({values.begin(), values.end()});

@@ -33,10 +33,13 @@ std::vector<BroadcastPlan> BroadcastPlans(const LowerCall& call, const std::vect
                                           KeepsZero keepsZero) {
   const Shape& result = call.ShapeOf(call.result());
   BroadcastPlan plain;
+  bool areFloats = call.IsFloat(call.result());
   bool sameRank = true;
   bool allChannels = true;
   for (const BroadcastOperand& operand : operands) {
     Shape shape = operand.constant ? operand.constant->shape() : call.ShapeOf(operand.value);
+    areFloats =
+        areFloats && (operand.constant ? operand.constant->storage() == Storage::Float : call.IsFloat(operand.value));
     const bool isConstant = operand.constant.has_value() || call.program.at(operand.value).constant.has_value();
     sameRank = sameRank && (isConstant || shape.size() == result.size());
     shape.insert(shape.begin(), result.size() - shape.size(), 1);
@@ -45,7 +48,7 @@ std::vector<BroadcastPlan> BroadcastPlans(const LowerCall& call, const std::vect
     plain.layouts.push_back(Layout::Plain);
   }
   std::vector<BroadcastPlan> plans = {plain};
-  if (!HasChannels(result) || !sameRank || !call.IsFloat(call.result())) return plans;
+  if (!HasChannels(result) || !sameRank || !areFloats) return plans;
   for (const Layout layout : {Layout::ChannelsLast, Layout::Blocked}) {
     const bool lanesStayZero = FillsBlocks(result) || (keepsZero == KeepsZero::Yes && allChannels);
     if (layout == Layout::Blocked && !lanesStayZero) continue;

@@ -39,10 +39,8 @@ std::vector<Form> LowerSelect(const LowerCall& call) {
   if (!call.IsFloat(call.result()) || !call.IsFloat(call.Operand("a")) || !call.IsFloat(call.Operand("b"))) return {};
   const std::vector<BroadcastOperand> operands = {
       {call.Operand("cond"), std::nullopt}, {call.Operand("a"), std::nullopt}, {call.Operand("b"), std::nullopt}};
-  std::vector<Form> forms = BroadcastForms<float, std::uint8_t, float, float>(
+  return BroadcastForms<float, std::uint8_t, float, float>(
       call, [](std::uint8_t cond, float a, float b) { return cond != 0 ? a : b; }, operands, KeepsZero::No);
-  forms.resize(1);  // conditions have no other layout than the plain one
-  return forms;
 }
 
 std::vector<Form> LowerNot(const LowerCall& call) {

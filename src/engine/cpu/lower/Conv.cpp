@@ -5,7 +5,9 @@
 #include "engine/program/ops/ConvGeometry.h"
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
+#include <type_traits>
 
 namespace ulmora::engine::cpu {
 namespace {
@@ -145,18 +147,21 @@ Layout PreferredLayout(const ConvTask& task) {
 template <typename Primitive>
 std::vector<Candidate> CandidatesFor(const LowerCall& call, const ConvTask& task) {
   constexpr double kSecondBest = 1.18;
-  constexpr double kBlockedStrided = 1.7;
+  constexpr double kBlockedStrided = 2.2;
   constexpr double kPlain = 1.6;
   const Layout preferred = PreferredLayout<Primitive>(task);
+  const bool isConvolution = std::is_same_v<Primitive, dnnl::convolution_forward>;
   const double blockedTime = IsStrided(task) ? kBlockedStrided : kSecondBest;
-  const auto slowdown = [&](Layout layout, double otherwise) { return layout == preferred ? 1.0 : otherwise; };
+  // A deconvolution is as fast in either layout of channels.
+  const auto slowdown = [&](Layout layout, double otherwise) {
+    return layout == preferred || !isConvolution ? 1.0 : otherwise;
+  };
   std::vector<Candidate> candidates = {
       {Layout::ChannelsLast, Layout::ChannelsLast, kDirect<Primitive>, slowdown(Layout::ChannelsLast, kSecondBest)},
       {Layout::Blocked, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, blockedTime)},
       // First layers: kernels that read a few planes directly.
       {Layout::Plain, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, kSecondBest)},
       {Layout::Plain, Layout::Plain, kDirect<Primitive>, kPlain}};
-  const bool isConvolution = std::is_same_v<Primitive, dnnl::convolution_forward>;
   if (isConvolution && onednn::kHasWinograd && call.options.winograd && SuitsWinograd(task)) {
     candidates.push_back({Layout::Blocked, Layout::Blocked, algorithm::convolution_winograd, kWinogradTime});
   }
@@ -197,9 +202,15 @@ void EmitConv(const Prepared<typename Primitive::primitive_desc>& prepared, Emit
 template <typename Primitive>
 std::optional<Form> FormFor(const LowerCall& call, const ConvTask& task, const Candidate& candidate, double directCost,
                             onednn::Reference reference) {
+  using Description = std::optional<typename Primitive::primitive_desc>;
   const auto describe = [&](const PostOps& postOps) {
-    return DescribeTask<Primitive>(task, candidate.kind, Descriptor(task.sourceShape, candidate.source),
-                                   Descriptor(task.resultShape, candidate.result), postOps.attributes, reference);
+    Description description =
+        DescribeTask<Primitive>(task, candidate.kind, Descriptor(task.sourceShape, candidate.source),
+                                Descriptor(task.resultShape, candidate.result), postOps.attributes, reference);
+    const bool fuses = postOps.attributes.get_post_ops().len() > 0;
+    const bool isTransposed = std::is_same_v<Primitive, dnnl::deconvolution_forward>;
+    if (description && isTransposed && fuses && !onednn::DeconvolutionFuses(*description)) description.reset();
+    return description;
   };
   const auto found = WithMostPostOps(call, {task.resultShape, candidate.result}, describe);
   if (!found) return std::nullopt;
