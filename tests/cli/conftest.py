@@ -76,7 +76,8 @@ class Program:
             timeout=timeout,
             check=False,
         )
-        return Run(done.returncode, done.stdout.decode(), done.stderr.decode(), words)
+        # Bytes of a damaged header pass through as they are; they need not be UTF-8.
+        return Run(done.returncode, done.stdout.decode(), done.stderr.decode(errors="surrogateescape"), words)
 
     def denoise(self, source: object, target: object, *more: object, weights: Path | None = None) -> Run:
         """A job with the identity network unless another package is given."""

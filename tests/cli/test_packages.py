@@ -21,7 +21,7 @@ def image(tmp_path):
 @pytest.fixture
 def package(tmp_path):
     """A copy of a package with weights in a file, to be damaged."""
-    return shutil.copytree(PACKAGES / "residual-unet.mlpackage", tmp_path / "damaged.mlpackage")
+    return shutil.copytree(PACKAGES / "unet-flexible-float16.mlpackage", tmp_path / "damaged.mlpackage")
 
 
 def model_file(package):
@@ -45,7 +45,7 @@ def refusal(run):
 
 
 def test_a_good_package_runs(lumvane, image, tmp_path):
-    run = lumvane.denoise(image, "out.png", weights=PACKAGES / "residual-unet.mlpackage")
+    run = lumvane.denoise(image, "out.png", weights=PACKAGES / "unet-flexible-float16.mlpackage")
     assert run.status == 0, run.err
     assert load(tmp_path / "out.png").shape == (512, 512, 3)
 
@@ -61,7 +61,7 @@ def test_two_outputs_are_refused_at_opening(lumvane, image):
     [
         ("float16-output", "CoreML output tensor must be Float32."),
         ("half-size-output", "CoreML returned an unexpected output shape."),
-        ("rank3-output", "CoreML returned an unexpected output shape."),
+        ("rank-3-output", "CoreML returned an unexpected output shape."),
     ],
 )
 def test_wrong_outputs_fail_on_the_first_tile_without_the_context(lumvane, image, tmp_path, name, text):
@@ -73,7 +73,7 @@ def test_wrong_outputs_fail_on_the_first_tile_without_the_context(lumvane, image
 
 
 def test_a_network_of_another_fixed_size_fails_as_a_prediction(lumvane, image):
-    run = lumvane.denoise(image, "out.png", weights=PACKAGES / "fixed-64.mlpackage")
+    run = lumvane.denoise(image, "out.png", weights=PACKAGES / "unet-ios15-float32.mlpackage")
     assert run.failure().startswith("CoreML prediction failed: ")
 
 

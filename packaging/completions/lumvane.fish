@@ -1,0 +1,16 @@
+# fish completion for lumvane
+
+complete -c lumvane -s i -l input -r -F -d 'Image to read'
+complete -c lumvane -s o -l output -r -F -d 'File to write'
+complete -c lumvane -s w -l weights -r -F -d 'Model package'
+complete -c lumvane -s s -l stride -x -d 'Step between tiles, even, 2 to 512'
+complete -c lumvane -s m -l model -x -a '1 2' -d 'Model version'
+complete -c lumvane -l linear -d 'Stretch a linear image for the network'
+complete -c lumvane -l shadows-clipping -x -d 'Shadows point below the median, with --linear'
+complete -c lumvane -l target-background -x -d 'Level of the background, with --linear'
+complete -c lumvane -s q -l quiet -d 'Print warnings and failures only'
+complete -c lumvane -l machine-info -d 'Product information as JSON'
+complete -c lumvane -l check-updates -d 'Answer whether updates can be checked'
+complete -c lumvane -l machine-progress -d 'JSON Lines on standard error'
+complete -c lumvane -s h -l help -d 'All options'
+complete -c lumvane -l version -d 'Version'
