@@ -43,8 +43,8 @@ class BareLoop {
     const auto any = dnnl::memory::format_tag::any;
     const auto f32 = dnnl::memory::data_type::f32;
     const onednn::Dims ones = {1, 1};
-    const onednn::Window window = {{shape, f32, any}, {{channels, channels, 3, 3}, f32, any}, {}, {shape, f32, any},
-                                   ones,              {0, 0},                                 ones, ones};
+    const onednn::Window window = {
+        {shape, f32, any}, {{channels, channels, 3, 3}, f32, any}, {}, {shape, f32, any}, ones, {0, 0}, ones, ones};
     for (int i = 0; i < layers; ++i) {
       dnnl::primitive_attr attributes;
       if (i + 1 < layers) {
@@ -99,8 +99,8 @@ void CompareStack(int rounds, int layers, std::int64_t channels, std::int64_t si
     bareTimes.all.push_back(Milliseconds([&] { bare.Run(); }));
     directTimes.all.push_back(Milliseconds([&] { direct.Run(); }));
   }
-  std::printf("%d convolutions 3x3, %d channels, %d x %d: best (median) of %d, ms\n", layers, static_cast<int>(channels),
-              static_cast<int>(size), static_cast<int>(size), rounds);
+  std::printf("%d convolutions 3x3, %d channels, %d x %d: best (median) of %d, ms\n", layers,
+              static_cast<int>(channels), static_cast<int>(size), static_cast<int>(size), rounds);
   std::printf("  bare direct loop      %8.1f (%.1f)\n", bareTimes.Best(), bareTimes.Median());
   std::printf("  engine                %8.1f (%.1f)  speed against the loop %.2f (%.2f)\n", oursTimes.Best(),
               oursTimes.Median(), bareTimes.Best() / oursTimes.Best(), bareTimes.Median() / oursTimes.Median());
@@ -110,7 +110,10 @@ void CompareStack(int rounds, int layers, std::int64_t channels, std::int64_t si
 
 /// Best time of every step over some runs, and the share of those that are no convolutions.
 void ProfileNetwork(int rounds, const std::string& name, const program::Program& network) {
+  const auto start = std::chrono::steady_clock::now();
   cpu::Executable executable(network);
+  const double compileTime =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   FillInput(executable);
   const std::vector<std::string> names = executable.StepNames();
   std::vector<double> best(names.size(), 1e12);
@@ -122,8 +125,9 @@ void ProfileNetwork(int rounds, const std::string& name, const program::Program&
   }
   double all = 0.0;
   double outside = 0.0;
-  std::printf("\n%s: %.1f ms (median %.1f), arena %.1f MB, weights %.1f MB\n", name.c_str(), whole.Best(), whole.Median(),
-              static_cast<double>(executable.arenaBytes()) / 1e6, static_cast<double>(executable.weightBytes()) / 1e6);
+  std::printf("\n%s: %.1f ms (median %.1f), arena %.1f MB, weights %.1f MB\n", name.c_str(), whole.Best(),
+              whole.Median(), static_cast<double>(executable.arenaBytes()) / 1e6,
+              static_cast<double>(executable.weightBytes()) / 1e6);
   for (std::size_t i = 0; i < names.size(); ++i) {
     const bool isConvolution = names[i].starts_with("conv") && names[i].find("reorder") == std::string::npos &&
                                names[i].find(": kernel") == std::string::npos;

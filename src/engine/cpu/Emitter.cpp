@@ -141,13 +141,14 @@ BufferId Emitter::Scratch(std::int64_t bytes) {
   return NewBuffer(bytes);
 }
 
-void Emitter::Add(dnnl::primitive primitive, std::vector<Argument> arguments, const onednn::Desc& scratch) {
+void Emitter::Add(dnnl::primitive primitive, std::vector<Argument> arguments, const onednn::Desc& scratch,
+                  const std::string& what) {
   if (const auto bytes = static_cast<std::int64_t>(scratch.get_size()); bytes > 0) {
     arguments.push_back({DNNL_ARG_SCRATCHPAD, scratch, Scratch(bytes)});
   }
   std::vector<BufferId> buffers;
   for (const Argument& argument : arguments) buffers.push_back(argument.buffer);
-  std::string runner = onednn::ImplementationOf(primitive);
+  std::string runner = what + onednn::ImplementationOf(primitive);
   Add(std::make_unique<PrimitiveStep>(std::move(primitive), std::move(arguments)), buffers, std::move(runner));
 }
 
@@ -166,7 +167,7 @@ void Emitter::Reorder(BufferId from, const onednn::Desc& fromDescription, Buffer
   const dnnl::reorder::primitive_desc description(onednn::CpuEngine(), fromDescription, onednn::CpuEngine(),
                                                   toDescription, onednn::PlainAttributes());
   Add(dnnl::reorder(description), {{DNNL_ARG_FROM, fromDescription, from}, {DNNL_ARG_TO, toDescription, to}},
-      description.scratchpad_desc());
+      description.scratchpad_desc(), "reorder ");
 }
 
 void Emitter::Finish() {

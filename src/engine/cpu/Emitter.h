@@ -67,7 +67,8 @@ class Emitter {
   [[nodiscard]] BufferId Scratch(std::int64_t bytes);
 
   /// `scratch` describes the memory that the primitive wants besides its arguments.
-  void Add(dnnl::primitive primitive, std::vector<Argument> arguments, const onednn::Desc& scratch);
+  void Add(dnnl::primitive primitive, std::vector<Argument> arguments, const onednn::Desc& scratch,
+           const std::string& what = "");
   void Add(Kernel kernel, std::vector<BufferId> buffers);
   void Add(std::unique_ptr<Step> step, const std::vector<BufferId>& buffers, std::string runner);
   /// Adds the library's reorder between two buffers.

@@ -12,9 +12,9 @@ namespace {
 std::map<std::string_view, Lower> CollectLowerings() {
   std::map<std::string_view, Lower> table;
   for (const auto family :
-       {ActivationLowerings, CastLowerings, ConvLowerings, ElementwiseBinaryLowerings, ElementwiseUnaryLowerings,
-        JoinLowerings, LinearLowerings, NormalizationLowerings, PoolLowerings, RearrangeLowerings, ReductionLowerings,
-        ReshapeLowerings, ResizeLowerings, SliceLowerings}) {
+       {ActivationLowerings, AttentionLowerings, CastLowerings, ConvLowerings, ElementwiseBinaryLowerings,
+        ElementwiseUnaryLowerings, JoinLowerings, LinearLowerings, NormalizationLowerings, PoolLowerings,
+        RearrangeLowerings, ReductionLowerings, ReshapeLowerings, ResizeLowerings, SliceLowerings}) {
     for (const LoweringEntry& entry : family()) {
       if (!table.emplace(entry.key, entry.lower).second) {
         throw std::logic_error("operation " + std::string(entry.key) + " has two lowerings");

@@ -97,6 +97,22 @@ Tensor Random::Floats(const Shape& shape, float low, float high) {
   return Tensor::Floats(shape, std::move(data));
 }
 
+Tensor Ints(const std::vector<std::int64_t>& values) {
+  return Tensor::IntVector({values.begin(), values.end()});
+}
+
+Shape RandomImage(Random& random, std::int64_t largest) {
+  const auto rank = static_cast<std::size_t>(random.Pick<int>({3, 4, 4, 4, 5}));
+  Shape shape = {random.Int(1, 2), random.Pick<std::int64_t>({1, 3, 16, 16, 20, 32})};
+  while (shape.size() < rank) shape.push_back(random.Int(1, largest));
+  return shape;
+}
+
+Shape RandomPicture(Random& random, std::int64_t largest) {
+  const std::int64_t channels = random.Pick<std::int64_t>({1, 3, 16, 16, 20, 32});
+  return {random.Int(1, 2), channels, random.Int(1, largest), random.Int(1, largest)};
+}
+
 CaseProgram ProgramOf(const OpCase& opCase) {
   ProgramBuilder builder(opCase.opset);
   std::vector<Tensor> all;

@@ -7,6 +7,8 @@
 #include "tests/engine/program/OpTesting.h"
 #include "tests/engine/program/ProgramTesting.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <map>
 #include <random>
@@ -36,6 +38,26 @@ class Random {
   std::uint32_t seed_;
   std::mt19937 engine_;
 };
+
+/// An int32 vector.
+[[nodiscard]] Tensor Ints(const std::vector<std::int64_t>& values);
+
+/// Of rank 3 to 5, mostly 4, with channels that fill blocks of 8 or 16 every other time.
+[[nodiscard]] Shape RandomImage(Random& random, std::int64_t largest = 9);
+/// The same of rank 4.
+[[nodiscard]] Shape RandomPicture(Random& random, std::int64_t largest = 9);
+
+/// Runs `test` with a few seeds, until one fails.
+template <typename Test>
+void ForSeeds(const Test& test) {
+  constexpr std::uint32_t kSeeds = 16;
+  for (std::uint32_t seed = 1; seed <= kSeeds; ++seed) {
+    Random random(seed);
+    SCOPED_TRACE("seed " + std::to_string(random.seed()));
+    test(random);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+}
 
 /// One use of an operation: operands that arrive at run time, and those that are constants. Lists are variadic.
 struct OpCase {
@@ -71,7 +93,7 @@ void ExpectSame(const OpCase& opCase, const Tolerance& tolerance = {});
 void ExpectClose(const std::vector<float>& actual, std::span<const float> expected, const Tolerance& tolerance,
                  const std::string& what);
 
-/// Keys of the operations that the program runs by their reference evaluation though they have a lowering.
+/// Keys of the operations that the compiled program runs by their reference evaluation.
 [[nodiscard]] std::vector<std::string> DeclinedIn(const program::Program& program);
 
 }  // namespace ulmora::engine::cpu

@@ -119,6 +119,11 @@ TEST(Executable, RunsAGatedNetwork) {
   ExpectSame(GatedNetwork(), random.Floats({1, 3, 16, 20}, 0.0F, 1.0F), {1e-4, 1e-4});
 }
 
+TEST(Executable, RunsNothingOfCommonNetworksByReference) {
+  EXPECT_THAT(DeclinedIn(GatedNetwork()), ::testing::IsEmpty());
+  EXPECT_THAT(DeclinedIn(sample::ResidualUNet({16, 32}, 1, 16, 16)), ::testing::IsEmpty());
+}
+
 TEST(Executable, GivesTheSameAgainAndFollowsItsInput) {
   Executable executable(sample::ResidualUNet({16, 32}, 1, 16, 16));
   const auto runWith = [&](float value) {

@@ -12,8 +12,8 @@ bool IsOnes(const Shape& shape) {
 }
 
 /// In which layout an operand of that shape (of full rank) is read beside a result in `layout`: the same if it has
-/// channels of its own, otherwise as it is. None if it cannot.
-std::optional<Layout> LayoutBeside(const Shape& shape, const Shape& result, Layout layout) {
+/// channels of its own, otherwise as it is.
+Layout LayoutBeside(const Shape& shape, const Shape& result, Layout layout) {
   if (layout == Layout::Plain || shape[kChannelAxis] == result[kChannelAxis]) return layout;
   return Layout::Plain;
 }
@@ -54,7 +54,7 @@ std::vector<BroadcastPlan> BroadcastPlans(const LowerCall& call, const std::vect
     if (layout == Layout::Blocked && !lanesStayZero) continue;
     BroadcastPlan plan = plain;
     plan.layout = layout;
-    for (std::size_t k = 0; k < operands.size(); ++k) plan.layouts[k] = *LayoutBeside(plan.shapes[k], result, layout);
+    for (std::size_t k = 0; k < operands.size(); ++k) plan.layouts[k] = LayoutBeside(plan.shapes[k], result, layout);
     plans.push_back(std::move(plan));
   }
   return plans;

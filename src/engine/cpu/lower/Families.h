@@ -8,6 +8,7 @@
 namespace ulmora::engine::cpu {
 
 std::vector<LoweringEntry> ActivationLowerings();
+std::vector<LoweringEntry> AttentionLowerings();
 std::vector<LoweringEntry> CastLowerings();
 std::vector<LoweringEntry> ConvLowerings();
 std::vector<LoweringEntry> ElementwiseBinaryLowerings();

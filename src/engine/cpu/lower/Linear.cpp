@@ -1,6 +1,7 @@
 // Matrix products by the library: linear and matmul.
 
 #include "engine/cpu/lower/Families.h"
+#include "engine/cpu/lower/Matrices.h"
 #include "engine/cpu/lower/PostOps.h"
 #include "engine/program/ops/MatmulDims.h"
 
@@ -11,7 +12,6 @@ namespace ulmora::engine::cpu {
 namespace {
 
 using onednn::Desc;
-using onednn::Dims;
 
 constexpr auto kFloat = dnnl::memory::data_type::f32;
 
@@ -24,20 +24,6 @@ struct ProductTask {
   Desc result;
   PostOpsTarget target;
 };
-
-/// Description of a matrix, or a batch of them: `shape` with its last two dimensions swapped if `transposed`.
-Desc Matrices(Shape batch, std::int64_t rows, std::int64_t columns, bool transposed) {
-  std::int64_t stride = rows * columns;
-  Dims dims(batch.begin(), batch.end());
-  Dims strides(dims.size());
-  for (std::size_t i = dims.size(); i-- > 0;) {
-    strides[i] = stride;
-    stride *= dims[i];
-  }
-  dims.insert(dims.end(), {rows, columns});
-  strides.insert(strides.end(), {transposed ? 1 : columns, transposed ? rows : 1});
-  return {dims, kFloat, strides};
-}
 
 struct PreparedProduct {
   ProductTask task;
@@ -104,12 +90,6 @@ std::vector<Form> LowerLinear(const LowerCall& call) {
   task.target = {{rows, columns}, Layout::Plain, 1, call.ShapeOf(call.result()).size() - 1};
   return ProductForms(call, "x", "weight", task,
                       2.0 * static_cast<double>(rows * inner) * static_cast<double>(columns));
-}
-
-/// Leading dimensions with ones in front, so that all operands have as many.
-Shape Widened(Shape batch, std::size_t rank) {
-  batch.insert(batch.begin(), rank - batch.size(), 1);
-  return batch;
 }
 
 std::vector<Form> LowerMatmul(const LowerCall& call) {

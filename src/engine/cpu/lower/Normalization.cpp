@@ -117,17 +117,6 @@ Form StatisticsForm(program::ValueId x, const Shape& shape, Layout layout, Stati
   return form;
 }
 
-/// The channel that each [outer, inner] of the view belongs to, in the order of memory.
-std::vector<std::size_t> ChannelOfGroups(const Shape& shape, Layout layout) {
-  std::vector<std::size_t> channels;
-  const std::int64_t block = layout == Layout::Blocked ? onednn::ChannelBlock() : 1;
-  for (std::int64_t n = 0; n < shape[0]; ++n) {
-    for (std::int64_t c = 0; c < shape[1]; ++c) channels.push_back(static_cast<std::size_t>(c));
-  }
-  static_cast<void>(block);  // blocks of channels follow each other: [N, C / B, B] is [N, C]
-  return channels;
-}
-
 std::vector<Form> LowerInstanceNorm(const LowerCall& call) {
   if (!ParametersAreKnown(call)) return {};
   const program::ValueId x = call.Operand("x");
@@ -141,9 +130,10 @@ std::vector<Form> LowerInstanceNorm(const LowerCall& call) {
     const std::optional<ReduceView> view = ViewOf(shape, layout, reduced);
     if (!view) continue;
     StatisticsTask task{*view, static_cast<double>(call.call.Float("epsilon")), {}, {}, {}, {}};
-    for (const std::size_t channel : ChannelOfGroups(shape, layout)) {
-      task.groupGamma.push_back(gamma[channel]);
-      task.groupBeta.push_back(beta[channel]);
+    // In every layout the groups [outer, inner] are images and their channels in order: blocks follow each other.
+    for (std::int64_t image = 0; image < shape[0]; ++image) {
+      task.groupGamma.insert(task.groupGamma.end(), gamma.begin(), gamma.end());
+      task.groupBeta.insert(task.groupBeta.end(), beta.begin(), beta.end());
     }
     forms.push_back(StatisticsForm(x, shape, layout, std::move(task)));
   }
