@@ -1,27 +1,12 @@
 #include "tests/engine/package/PackageTesting.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <system_error>
-#include <unistd.h>
-
 namespace ulmora::engine::package::testing {
 
-TemporaryFolder::TemporaryFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "lumvane-test-XXXXXX").string();
-  if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
-  path_ = name;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 std::filesystem::path TemporaryFolder::Write(const std::string& relative, const std::string& bytes) const {
-  const std::filesystem::path file = path_ / relative;
+  const std::filesystem::path file = path() / relative;
   std::filesystem::create_directories(file.parent_path());
   std::ofstream stream(file, std::ios::binary);
   stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

@@ -5,6 +5,7 @@
 #include "engine/Error.h"
 #include "engine/Tensor.h"
 #include "schema/Model.pb.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,21 +17,13 @@
 
 namespace ulmora::engine::package::testing {
 
-/// A fresh folder below the system's temporary one, removed with its content.
-class TemporaryFolder {
+/// A folder for packages, removed with its content.
+class TemporaryFolder : public test::TemporaryFolder {
  public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+  [[nodiscard]] std::filesystem::path path() const { return std::filesystem::path(Path("x")).parent_path(); }
 
   /// Writes a file below the folder, with the folders on the way to it, and returns its path.
   std::filesystem::path Write(const std::string& relative, const std::string& bytes) const;
-
- private:
-  std::filesystem::path path_;
 };
 
 [[nodiscard]] std::string ReadFile(const std::filesystem::path& file);

@@ -1,0 +1,108 @@
+// Whole networks against what PyTorch made of the same input: compiled, and operation by operation.
+
+#include "engine/Model.h"
+#include "engine/package/ReadModel.h"
+#include "engine/program/Interpret.h"
+#include "engine/program/Specialize.h"
+#include "engine/program/import/MilImport.h"
+#include "tests/engine/package/PackageTesting.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+namespace ulmora::engine {
+namespace {
+
+using package::testing::Fixtures;
+
+const Shape kShape = {1, 3, 32, 40};
+
+struct Recorded {
+  std::string name;
+  double tolerance = 0;  ///< largest difference as a share of the range of the recorded output
+};
+
+void PrintTo(const Recorded& recorded, std::ostream* stream) {
+  *stream << recorded.name;
+}
+
+std::vector<Recorded> AllRecorded() {
+  std::ifstream stream(Fixtures() / "recorded.txt");
+  std::vector<Recorded> all;
+  for (std::string line; std::getline(stream, line);) {
+    if (line.starts_with('#')) continue;
+    Recorded recorded;
+    std::istringstream(line) >> recorded.name >> recorded.tolerance;
+    all.push_back(recorded);
+  }
+  return all;
+}
+
+std::vector<float> ReadFloats(const std::string& name) {
+  const std::string bytes = package::testing::ReadFile(Fixtures() / name);
+  std::vector<float> values;
+  for (std::size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+    std::uint32_t bits = 0;
+    for (std::size_t k = 0; k < 4; ++k) {
+      bits |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i + k])) << (8 * k);
+    }
+    values.push_back(std::bit_cast<float>(bits));
+  }
+  return values;
+}
+
+class RecordedNetworks : public ::testing::TestWithParam<Recorded> {
+ protected:
+  void ExpectRecorded(std::span<const float> found) {
+    const std::vector<float> expected = ReadFloats(GetParam().name + ".f32");
+    ASSERT_EQ(found.size(), expected.size());
+    const auto [lowest, highest] = std::minmax_element(expected.begin(), expected.end());
+    double worst = 0;
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+      ASSERT_TRUE(std::isfinite(found[i])) << "element " << i;
+      worst = std::max(worst, std::abs(static_cast<double>(found[i]) - expected[i]));
+    }
+    const double share = worst / (*highest - *lowest);
+    RecordProperty("share", std::to_string(share));
+    EXPECT_LE(share, GetParam().tolerance);
+  }
+
+  const std::filesystem::path path_ = Fixtures() / (GetParam().name + ".mlpackage");
+  const std::vector<float> input_ = ReadFloats("recorded-input.f32");
+};
+
+TEST_P(RecordedNetworks, CompiledNetworkGivesTheRecordedOutput) {
+  Model model(path_);
+  const std::span<float> buffer = model.BindInput(kShape);
+  ASSERT_EQ(buffer.size(), input_.size());
+  std::copy(input_.begin(), input_.end(), buffer.begin());
+  const OutputView output = model.Run();
+  EXPECT_EQ(output.shape, kShape);
+  ExpectRecorded(output.data);
+}
+
+TEST_P(RecordedNetworks, ReferenceEvaluationGivesTheRecordedOutput) {
+  const program::Program imported = program::ImportMil(package::ReadModel(path_));
+  const program::Program specialized = program::Specialize(imported, {kShape});
+  const Tensor output = program::Interpret(specialized, Tensor::Floats(kShape, input_));
+  EXPECT_EQ(output.shape(), kShape);
+  ExpectRecorded(output.floats());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RecordedNetworks, ::testing::ValuesIn(AllRecorded()), [](const auto& test) {
+  std::string name = test.param.name;
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+});
+
+TEST(RecordedNetworksList, IsNotEmpty) {
+  EXPECT_GE(AllRecorded().size(), 14U);
+}
+
+}  // namespace
+}  // namespace ulmora::engine
