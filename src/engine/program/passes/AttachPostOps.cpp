@@ -49,8 +49,7 @@ class Attacher {
     const std::optional<StepKind> kind = StepKindOf(step.definition->key);
     if (!kind) return std::nullopt;
     std::optional<Candidate> best = TryFlowing(step, *kind, "x");
-    const bool eitherSide =
-        kind == StepKind::Binary && step.definition->key != "sub" && step.definition->key != "real_div";
+    const bool eitherSide = kind == StepKind::Binary && step.definition->key != "real_div";
     const std::optional<Candidate> second = eitherSide ? TryFlowing(step, *kind, "y") : std::nullopt;
     // The later producer runs when the other operand is there already.
     if (second && (!best || second->producer > best->producer)) best = second;
@@ -66,7 +65,8 @@ class Attacher {
     const Operation& producer = *rewriter_.At(*position);
     const TensorType& type = program.at(id).type;
     const TensorType& result = program.at(step.results.front()).type;
-    if (!CarriesSteps(producer.definition->key) || producer.fused.size() >= kMaxFusedSteps) return std::nullopt;
+    const std::size_t steps = producer.fused.size() + (IsReversed(step, flowing) ? 2 : 1);
+    if (!CarriesSteps(producer.definition->key) || steps > kMaxFusedSteps) return std::nullopt;
     if (type.shape.size() < 2 || type.shape != result.shape || StorageOf(type.element) != Storage::Float ||
         StorageOf(result.element) != Storage::Float) {
       return std::nullopt;
@@ -86,11 +86,31 @@ class Attacher {
   void Attach(std::size_t position, const Candidate& candidate) {
     Operation step = rewriter_.Take(position);
     Operation producer = rewriter_.Take(candidate.producer);
-    FusedStep fused{step.definition, std::move(step.arguments)};
-    fused.arguments[static_cast<std::size_t>(step.definition->IndexOf(candidate.flowing))] = {kPrevious};
-    producer.fused.push_back(std::move(fused));
+    if (IsReversed(step, candidate.flowing)) {
+      producer.fused.push_back(Negation());
+      producer.fused.push_back(MakeStep("add", {{"x", kPrevious}, {"y", *Argument(step, "x")}}));
+    } else {
+      SetArgument(step, candidate.flowing, kPrevious);
+      producer.fused.push_back({step.definition, std::move(step.arguments)});
+    }
     producer.results = step.results;
     rewriter_.Put(candidate.after > candidate.producer ? position : candidate.producer, std::move(producer));
+  }
+
+  /// a - y is (-y) + a, to the last bit.
+  static bool IsReversed(const Operation& step, std::string_view flowing) {
+    return step.definition->key == "sub" && flowing == "y";
+  }
+
+  static FusedStep MakeStep(std::string_view key, const std::vector<std::pair<std::string_view, ValueId>>& arguments) {
+    Operation operation = MakeOperation(key, Operation{}, arguments);
+    return {operation.definition, std::move(operation.arguments)};
+  }
+
+  FusedStep Negation() {
+    const ValueId alpha = rewriter_.AddConstant(Tensor::Float(-1.0F));
+    const ValueId beta = rewriter_.AddConstant(Tensor::Float(0.0F));
+    return MakeStep("linear_activation", {{"x", kPrevious}, {"alpha", alpha}, {"beta", beta}});
   }
 
   Rewriter rewriter_;

@@ -15,6 +15,8 @@
 //   add, mul, maximum, minimum                        x or y          one of the three kinds below
 //   sub, real_div                                     x               one of the three kinds below
 //
+// a - y with y flowing becomes linear_activation(-1, 0) and add: a network that predicts noise ends like that.
+//
 // The other operand of a binary step is never the flowing value, and one of
 //   Scalar    a constant with one element,
 //   Channel   a constant with the size of the channel axis there and 1 in the dimensions after and before it; the
