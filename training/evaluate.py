@@ -15,9 +15,8 @@ from pathlib import Path
 import numpy as np
 import torch
 
-from lumvane_training import baselines, checkpoint, evaluation, frames, network as networks, scenes, tiles
-
-Array = np.ndarray
+from lumvane_training import baselines, checkpoint, evaluation, frames, scenes, tiles
+from lumvane_training import network as networks
 
 
 def package_holds(package: Path, network: torch.nn.Module) -> bool:
@@ -57,7 +56,7 @@ def measure(network: networks.Denoiser, options: argparse.Namespace, denoise) ->
             results["no harm"] = evaluation.no_harm(cases, denoise)
             results["second pass"] = evaluation.second_pass(cases, denoise)
             results["colour shift"] = evaluation.colour_shift(cases, denoise)
-            results["mono planes"] = evaluation.mono_planes(cases, denoise)
+            results["mono planes"] = evaluation.mono_planes(cases, denoise) if options.mono else None
         print(f"{name} done", file=sys.stderr, flush=True)
     sparse = scenes.SceneLaws(leaves_share=0.0, star_density=(2e-4, 4e-3), cluster_share=0.0)
     stars = evaluation.star_errors(seed + 2, options.scenes, size, denoise, sparse)
@@ -101,23 +100,33 @@ def verdict(value: float, limit: float) -> str:
 def report(results: dict, command: str) -> str:
     """The report in Markdown."""
     harm, shift, noise, seam = (results[k] for k in ("no harm", "colour shift", "pure noise", "seams"))
-    lines = [f"Measured by `{command}`.", "", "Gain in PSNR (dB) over the input, by noise after the stretch, unseen scenes of the training laws:", ""]
+    cast = f"{shift['cast_in_sigma_median']:.3f} ({shift['cast_in_sigma_worst']:.3f})"
+    means = ", ".join(f"{v:+.5f}" for v in shift["mean"])
+    biases = ", ".join(f"{v:+.5f}" for v in shift["bias"])
+    largest = max(map(abs, shift["bias"]))
+    peak = f"highest peak, input sigma (in the input: {noise['input_peak']:.1f})"
+    lines = [f"Measured by `{command}`.", "",
+             "Gain in PSNR (dB) over the input, by noise after the stretch, unseen scenes of the training laws:", ""]
     lines += gain_lines(results["gains, same laws"])
     lines += ["", "The same for scenes from beyond the training ranges:", ""] + gain_lines(results["gains, other laws"])
     lines += ["", "Flux of isolated stars in linear light after the inverse stretch, relative to the noise-free frame:", ""]
     lines += star_lines(results["stars"])
     lines += ["", "| check | figure | |", "| --- | --- | --- |"]
     lines += [
-        f"| change of noise-free frames, rms, median (worst) | {harm['median']:.4f} ({harm['worst']:.4f}) | {verdict(harm['median'], 0.002)} |",
+        f"| change of noise-free frames, rms, median (worst) | {harm['median']:.4f} ({harm['worst']:.4f}) | "
+        f"{verdict(harm['median'], 0.002)} |",
         f"| second pass changes, share of the first | {results['second pass']:.2f} | {verdict(results['second pass'], 0.2)} |",
-        f"| mean of output minus input, R, G, B | {', '.join(f'{v:+.5f}' for v in shift['mean'])} (worst frame {shift['worst']:.4f}) | {verdict(max(map(abs, shift['mean'])), 0.001)} |",
-        f"| colour cast, in input sigma, median (worst) | {shift['cast_in_sigma_median']:.3f} ({shift['cast_in_sigma_worst']:.3f}) | {verdict(shift['cast_in_sigma_median'], 0.02)} |",
-        f"| three equal planes differ by at most | {results['mono planes']:.4f} | {verdict(results['mono planes'], 0.001)} |",
+        f"| mean of output minus input, R, G, B | {means} (worst frame {shift['worst']:.4f}) | |",
+        f"| mean of output minus truth, R, G, B | {biases} | {verdict(largest, 0.001)} |",
+        f"| colour cast, in input sigma, median (worst) | {cast} | {verdict(shift['cast_in_sigma_median'], 0.02)} |",
+        f"| three equal planes differ by at most | {results['mono planes']:.4f} | {verdict(results['mono planes'], 0.001)} |"
+        if results["mono planes"] is not None else "| three equal planes | not trained for | |",
         f"| flat sky: noise left, input sigma | {noise['left']:.3f} | |",
-        f"| flat sky: highest peak, input sigma (in the input: {noise['input_peak']:.1f}) | {noise['highest_peak']:.2f} | {verdict(noise['highest_peak'], 1.0)} |",
+        f"| flat sky: {peak} | {noise['highest_peak']:.2f} | {verdict(noise['highest_peak'], 1.0)} |",
         f"| flat sky: shift of the background, input sigma | {noise['shift']:.3f} | {verdict(noise['shift'], 0.02)} |",
         f"| flat sky: 2 px lattice, input sigma | {noise['lattice']:.4f} | {verdict(noise['lattice'], 0.01)} |",
-        f"| seams: tiles against one pass, worst pixel, input sigma | {seam['worst_in_sigma']:.3f} | {verdict(seam['worst_in_sigma'], 0.25)} |",
+        f"| seams: tiles against one pass, worst pixel, input sigma | {seam['worst_in_sigma']:.3f} | "
+        f"{verdict(seam['worst_in_sigma'], 0.25)} |",
         f"| seams: rms share of the removed noise | {seam['rms_share_of_removed']:.4f} | |",
         f"| f(x/2) against f(x)/2, worst | {results['scaling']:.1e} | {verdict(results['scaling'], 1e-5)} |",
     ]
@@ -146,9 +155,12 @@ def main() -> None:
         options.mono = state["version"] != 1
     denoise = lambda image: tiles.run(network, image)  # noqa: E731
     if options.program:
+        if not options.package or options.size < tiles.WINDOW:
+            sys.exit("--program needs --package and frames of at least 512 pixels")
         denoise = tiles.through_program(options.program, options.package, state["version"])
     results = measure(network, options, denoise)
-    command = f"training/evaluate.py --package {options.package.name if options.package else '-'} --scenes {options.scenes} --size {options.size}"
+    command = f"evaluate.py runs/{state['name']}/checkpoint.pt --scenes {options.scenes} --size {options.size}"
+    command += f" --package ../models/{options.package.name}" if options.package else ""
     text = report(results, command + (" --program lumvane" if options.program else ""))
     if options.json:
         options.json.write_text(json.dumps(results, indent=1) + "\n")

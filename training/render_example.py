@@ -70,8 +70,10 @@ def star_list(rng: np.random.Generator) -> stars.StarList:
     radius = 42.0 * np.sqrt(1.0 / (1.0 - np.clip(rng.random(members), 0, 0.93)) - 1.0)
     angle = rng.uniform(0, 2 * np.pi, members)
     cluster = stars.StarList((215 + radius * np.sin(angle)) % CANVAS, (300 + radius * np.cos(angle)) % CANVAS,
-                             np.minimum(stars.power_law_flux(rng, members, 12.0, 0.9), 4000.0), stars.star_colours(rng, members, 0.4))
-    bright = stars.StarList(np.array([455, 757, 140, 880, 330, 620, 930, 60.0]), np.array([890, 252, 1180, 1050, 560, 1390, 480, 760.0]),
+                             np.minimum(stars.power_law_flux(rng, members, 12.0, 0.9), 4000.0),
+                             stars.star_colours(rng, members, 0.4))
+    bright = stars.StarList(np.array([455, 757, 140, 880, 330, 620, 930, 60.0]),
+                            np.array([890, 252, 1180, 1050, 560, 1390, 480, 760.0]),
                             np.array([16000, 20000, 9000, 7000, 6000, 12000, 5000, 8000.0]),
                             np.exp(np.outer([-0.5, -0.7, 0.6, -0.2, 0.4, 0.1, 0.7, -0.4], [0.55, 0.0, -0.6])).astype(np.float32))
     return stars.StarList.joined([field, cluster, bright])

@@ -90,7 +90,8 @@ class Trainer:
         return {
             "network": self.network.state_dict(), "average": self.average.state_dict(),
             "optimiser": self.optimiser.state_dict(), "step": self.step, "seconds": self.seconds,
-            "megapixels": self.megapixels, "base_megapixels": self.base_megapixels, "widths": list(self.run.widths), "blocks": self.run.blocks,
+            "megapixels": self.megapixels, "base_megapixels": self.base_megapixels,
+            "widths": list(self.run.widths), "blocks": self.run.blocks,
             "name": self.run.name, "version": self.run.version, "seed": self.run.seed, "pool_seed": self.run.pool_seed,
             "generator": GENERATOR_VERSION, "progress": self.progress,
             "start_from": str(self.run.start_from.relative_to(config.TRAINING_ROOT)) if self.run.start_from else "",

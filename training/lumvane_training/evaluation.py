@@ -90,17 +90,24 @@ def second_pass(cases: list[Case], denoise: Denoise) -> float:
 
 
 def colour_shift(cases: list[Case], denoise: Denoise) -> dict:
-    """Mean of out - in per channel: what a user would see as a cast. Frames with clipped noise are left out."""
-    shifts, relative = [], []
+    """Mean of out - in and of out - truth per channel. Frames with clipped noise are left out.
+
+    A stretch is concave at the sky, so that noisy frames are a little too dark on average; a good denoiser puts that
+    back, equally in all channels. The cast is the part of the shift that differs between channels.
+    """
+    shifts, biases, relative = [], [], []
     for case in cases:
         pair = case.pair
         if pair.mono or np.mean(pair.noisy <= 0) > 0.002:
             continue
-        shift = (denoise(pair.noisy) - pair.noisy).mean(axis=(1, 2))
+        out = denoise(pair.noisy)
+        shift = (out - pair.noisy).mean(axis=(1, 2))
         shifts.append(shift)
+        biases.append((out - pair.clean).mean(axis=(1, 2)))
         relative.append(np.abs(shift - shift.mean()).max() / max(case.sigma, 1e-6))
     shifts = np.array(shifts)
-    return {"mean": shifts.mean(axis=0).tolist(), "worst": float(np.abs(shifts).max()), "count": len(shifts),
+    return {"mean": shifts.mean(axis=0).tolist(), "bias": np.mean(biases, axis=0).tolist(),
+            "worst": float(np.abs(shifts).max()), "count": len(shifts),
             "cast_in_sigma_median": float(np.median(relative)), "cast_in_sigma_worst": float(np.max(relative))}
 
 

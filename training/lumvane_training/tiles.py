@@ -62,6 +62,9 @@ def through_program(program: Path, weights: Path, model: int) -> Denoise:
             subprocess.run([program, "--quiet", "--input", source, "--output", target, "--weights", weights,
                             "--model", str(model)], check=True, stdout=subprocess.DEVNULL)
             result = tifffile.imread(target)
+        if result.ndim == 2:
+            # Three equal planes count as grayscale and come back as one.
+            result = np.repeat(result[:, :, None], 3, axis=2)
         return np.ascontiguousarray(result.transpose(2, 0, 1).astype(np.float32) / 65535.0)
 
     return denoise
