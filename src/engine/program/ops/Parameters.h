@@ -3,7 +3,6 @@
 
 #include "engine/program/OpRegistry.h"
 
-#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -32,7 +31,12 @@ inline Parameter RequiredConstant(std::string_view name) {
   return {name, Presence::Required, true};
 }
 
-inline Parameter OptionalConstant(std::string_view name, std::optional<Tensor> fallback = std::nullopt) {
+/// Without a fixed default: its meaning when absent depends on the other operands.
+inline Parameter OptionalConstant(std::string_view name) {
+  return {name, Presence::Optional, true};
+}
+
+inline Parameter OptionalConstant(std::string_view name, Tensor fallback) {
   return {name, Presence::Optional, true, std::move(fallback)};
 }
 
