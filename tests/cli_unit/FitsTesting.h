@@ -6,6 +6,7 @@
 
 #include <fitsio.h>
 
+#include <cstdio>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -22,6 +23,7 @@ inline void WriteFits(const std::string& path, int bitpix, std::vector<long> axe
                       const std::vector<std::string>& cards = {}) {
   int status = 0;
   fitsfile* file = nullptr;
+  std::remove(path.c_str());
   fits_create_diskfile(&file, path.c_str(), &status);
   fits_create_img(file, bitpix, static_cast<int>(axes.size()), axes.data(), &status);
   std::vector<long> first(axes.size(), 1);
