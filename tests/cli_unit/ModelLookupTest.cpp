@@ -99,7 +99,8 @@ TEST(ModelLookup, ARegularFileInThePlaceOfAPackageShowsItsKind) {
 
 TEST(ModelLookup, AVanishedWorkingDirectoryIsUnavailable) {
   const std::filesystem::path before = std::filesystem::current_path();
-  const std::filesystem::path gone = std::filesystem::temp_directory_path() / "lumvane-vanished";
+  test::TemporaryFolder folder;
+  const std::filesystem::path gone = folder.Path("gone");
   std::filesystem::create_directory(gone);
   std::filesystem::current_path(gone);
   std::filesystem::remove(gone);
