@@ -73,8 +73,7 @@ class NetworkWriter {
   /// Specialized to its input shape; rewritten, too, if asked.
   program::Program Finish(ValueId output, bool rewrite) {
     program_.outputs = {output};
-    program::Program specialized =
-        program::Specialize(program_, {program_.at(program_.inputs.front()).type.shape});
+    program::Program specialized = program::Specialize(program_, {program_.at(program_.inputs.front()).type.shape});
     if (rewrite) program::Rewrite(specialized);
     return specialized;
   }
