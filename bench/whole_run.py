@@ -80,9 +80,10 @@ def main() -> None:
             network.append(run(program, source, target))
     whole, rest = least(network), least(identity)
 
-    # float32 RGB: the working image, the padded one and the accumulator stand side by side during inference; afterwards
-    # the result's deep copies do.
-    required = 12 * (pixels + 2 * padded(arguments.width) * padded(arguments.height))
+    # float32 RGB, 12 bytes a pixel. During inference the working image, the padded one and the accumulator stand side by
+    # side; at the end the working image, the result, the copy that is finished, and the 16-bit samples made of it.
+    inference = 12 * (pixels + 2 * padded(arguments.width) * padded(arguments.height))
+    required = max(inference, (3 * 12 + 6) * pixels)
     tiles = (padded(arguments.width) - 32) // 480 * ((padded(arguments.height) - 32) // 480)
     print(f"{arguments.width} x {arguments.height} RGB, 16 bits, {tiles} tiles, {resource.getpagesize()} byte pages")
     print(f"shipped network:   {whole.processor:7.2f} s processor time, {whole.wall:7.2f} s wall time")
