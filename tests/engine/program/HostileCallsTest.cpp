@@ -18,7 +18,7 @@
 namespace ulmora::engine::program {
 namespace {
 
-constexpr int kCallsPerOperation = 2000;
+constexpr int kCallsPerOperation = 600;
 constexpr std::int64_t kMaxElements = 20000;
 
 /// Draws operands: most of them plausible for their parameter, some absurd.
