@@ -125,8 +125,8 @@ void ProfileNetwork(int rounds, const std::string& name, const program::Program&
   }
   double all = 0.0;
   double outside = 0.0;
-  std::printf("\n%s: %.1f ms (median %.1f), arena %.1f MB, weights %.1f MB\n", name.c_str(), whole.Best(),
-              whole.Median(), static_cast<double>(executable.arenaBytes()) / 1e6,
+  std::printf("\n%s: %.1f ms (median %.1f), compiled in %.0f ms, arena %.1f MB, weights %.1f MB\n", name.c_str(),
+              whole.Best(), whole.Median(), compileTime, static_cast<double>(executable.arenaBytes()) / 1e6,
               static_cast<double>(executable.weightBytes()) / 1e6);
   for (std::size_t i = 0; i < names.size(); ++i) {
     const bool isConvolution = names[i].starts_with("conv") && names[i].find("reorder") == std::string::npos &&

@@ -27,7 +27,6 @@ struct LowerCall {
 
   /// The operand of a parameter; it must be given.
   [[nodiscard]] program::ValueId Operand(std::string_view parameter, std::size_t index = 0) const;
-  /// None of them hold elements of another kind than float32.
   [[nodiscard]] bool IsFloat(program::ValueId id) const {
     return StorageOf(program.at(id).type.element) == Storage::Float;
   }

@@ -39,6 +39,12 @@ void* operator new(std::size_t bytes) {
 void* operator new(std::size_t bytes, std::align_val_t alignment) {
   return CountedAllocation(bytes, static_cast<std::size_t>(alignment));
 }
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return std::malloc(bytes > 0 ? bytes : 1);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }

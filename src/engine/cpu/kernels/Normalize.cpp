@@ -1,5 +1,6 @@
 #include "engine/cpu/kernels/Normalize.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace ulmora::engine::cpu {
@@ -24,6 +25,55 @@ void NormalizeLine(const float* from, std::int64_t count, float epsilon, const f
   for (std::int64_t i = 0; i < count; ++i) to[i] = (from[i] - mean) * scale * gamma[i] + beta[i];
 }
 
+/// The arguments of ApplyAffine.
+struct AffineTask {
+  ReduceView view;
+  const float* source;
+  const float* scale;
+  const float* shift;
+  const float* gamma;
+  const float* beta;
+  float* result;
+};
+
+/// Rows [begin, end) of [outer * count, inner].
+void ApplyToRows(const AffineTask& task, std::int64_t begin, std::int64_t end) {
+  const std::int64_t inner = task.view.inner;
+  for (std::int64_t row = begin; row < end; ++row) {
+    const float* from = task.source + row * inner;
+    float* to = task.result + row * inner;
+    const float* a = task.scale + row / task.view.count * inner;
+    const float* b = task.shift + row / task.view.count * inner;
+    const std::int64_t middle = row % task.view.count;
+    const float factor = task.gamma != nullptr ? task.gamma[middle] : 1.0F;
+    const float summand = task.gamma != nullptr ? task.beta[middle] : 0.0F;
+#pragma omp simd
+    for (std::int64_t i = 0; i < inner; ++i) to[i] = (from[i] * a[i] + b[i]) * factor + summand;
+  }
+}
+
+/// Elements [begin, end) of [outer, count] where inner is 1, line by line.
+void ApplyToLines(const AffineTask& task, std::int64_t begin, std::int64_t end) {
+  const std::int64_t count = task.view.count;
+  while (begin < end) {
+    const std::int64_t line = begin / count;
+    const std::int64_t first = begin % count;
+    const std::int64_t last = std::min(count, first + end - begin);
+    const float* from = task.source + line * count;
+    float* to = task.result + line * count;
+    const float a = task.scale[line];
+    const float b = task.shift[line];
+    if (task.gamma == nullptr) {
+#pragma omp simd
+      for (std::int64_t i = first; i < last; ++i) to[i] = from[i] * a + b;
+    } else {
+#pragma omp simd
+      for (std::int64_t i = first; i < last; ++i) to[i] = (from[i] * a + b) * task.gamma[i] + task.beta[i];
+    }
+    begin += last - first;
+  }
+}
+
 }  // namespace
 
 Affine AffineOf(const Moments::State& moments, std::int64_t count, double epsilon, float gamma, float beta) {
@@ -36,17 +86,12 @@ Affine AffineOf(const Moments::State& moments, std::int64_t count, double epsilo
 
 void ApplyAffine(const ReduceView& view, const float* source, const float* scale, const float* shift,
                  const float* gamma, const float* beta, float* result) {
+  const AffineTask task{view, source, scale, shift, gamma, beta, result};
   ParallelRanges(view.outer * view.count, BytesOf(view), [&](std::int64_t begin, std::int64_t end) {
-    for (std::int64_t row = begin; row < end; ++row) {
-      const float* from = source + row * view.inner;
-      float* to = result + row * view.inner;
-      const float* a = scale + row / view.count * view.inner;
-      const float* b = shift + row / view.count * view.inner;
-      const std::int64_t middle = row % view.count;
-      const float factor = gamma != nullptr ? gamma[middle] : 1.0F;
-      const float summand = gamma != nullptr ? beta[middle] : 0.0F;
-#pragma omp simd
-      for (std::int64_t i = 0; i < view.inner; ++i) to[i] = (from[i] * a[i] + b[i]) * factor + summand;
+    if (view.inner == 1) {
+      ApplyToLines(task, begin, end);
+    } else {
+      ApplyToRows(task, begin, end);
     }
   });
 }

@@ -7,10 +7,6 @@ namespace {
 
 constexpr std::size_t kChannelAxis = 1;
 
-bool IsOnes(const Shape& shape) {
-  return std::ranges::all_of(shape, [](std::int64_t dim) { return dim == 1; });
-}
-
 /// In which layout an operand of that shape (of full rank) is read beside a result in `layout`: the same if it has
 /// channels of its own, otherwise as it is.
 Layout LayoutBeside(const Shape& shape, const Shape& result, Layout layout) {
@@ -92,7 +88,7 @@ BufferId OperandBuffer(Emitter& emitter, const BroadcastOperand& operand, const 
   const std::optional<Tensor>& known =
       operand.constant ? operand.constant : emitter.program().at(operand.value).constant;
   if (!known) return emitter.Source(operand.value, layout);
-  if (layout == Layout::Plain || IsOnes(shape)) return emitter.Constant(*known);
+  if (layout == Layout::Plain) return emitter.Constant(*known);
   return emitter.Constant(*known, Descriptor(shape, Layout::Plain), Descriptor(shape, layout));
 }
 
