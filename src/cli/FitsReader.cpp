@@ -20,10 +20,14 @@ namespace ulmora::cli {
 namespace {
 
 /// All samples of the HDU in physical units, undefined ones as NaN.
-struct PhysicalSamples {
-  std::vector<double> values;
-  std::uint64_t undefined = 0;
-};
+using PhysicalSamples = std::vector<double>;
+
+/// How many samples are NaN. Infinities are not undefined, only unusable.
+std::uint64_t CountUndefined(const PhysicalSamples& samples, const InputRange& range) {
+  if (range.finite == range.samples) return 0;
+  return static_cast<std::uint64_t>(
+      std::count_if(samples.begin(), samples.end(), [](double sample) { return std::isnan(sample); }));
+}
 
 /// Tables and images of other ranks are passed over; the first HDU with a non-empty 2-D or 3-D image wins. Whether a
 /// cube has three channels is not asked here.
@@ -106,25 +110,20 @@ PhysicalSamples ReadPhysicalSamples(fitsfile* file, const FitsAxes& axes, bool f
   if (count) ProbeLastSample(file, axes, status);
   CheckFits(status, kStage, path);
 
-  PhysicalSamples samples;
-  samples.values.resize(*count);
+  PhysicalSamples samples(*count);
   std::array<long, 3> first = {1, 1, 1};
   const auto elements = static_cast<LONGLONG>(*count);
   int anyNull = 0;
   if (floatingPoint) {
-    fits_read_pix(file, TDOUBLE, first.data(), elements, nullptr, samples.values.data(), &anyNull, &status);
+    fits_read_pix(file, TDOUBLE, first.data(), elements, nullptr, samples.data(), &anyNull, &status);
     CheckFits(status, kStage, path);
-    samples.undefined = static_cast<std::uint64_t>(
-        std::count_if(samples.values.begin(), samples.values.end(), [](double sample) { return std::isnan(sample); }));
     return samples;
   }
   std::vector<char> nulls(*count);
-  fits_read_pixnull(file, TDOUBLE, first.data(), elements, samples.values.data(), nulls.data(), &anyNull, &status);
+  fits_read_pixnull(file, TDOUBLE, first.data(), elements, samples.data(), nulls.data(), &anyNull, &status);
   CheckFits(status, kStage, path);
   for (std::size_t i = 0; i < *count; ++i) {
-    if (nulls[i] == 0) continue;
-    ++samples.undefined;
-    samples.values[i] = std::numeric_limits<double>::quiet_NaN();
+    if (nulls[i] != 0) samples[i] = std::numeric_limits<double>::quiet_NaN();
   }
   return samples;
 }
@@ -203,8 +202,8 @@ FitsImage ReadFitsImageWithMetadata(const std::string& path, bool linear, const 
   metadata.fixedDivisor = 1.0 / metadata.normalizationScale;
 
   PhysicalSamples samples = ReadPhysicalSamples(file.Get(), axes, floatingPoint, path);
-  const FitsRanges ranges = MeasureFitsRanges(samples.values, axes, metadata.fixedDivisor);
-  ReportFitsRanges(ranges, samples.undefined, metadata.fixedDivisor, diagnostics);
+  const FitsRanges ranges = MeasureFitsRanges(samples, axes, metadata.fixedDivisor);
+  ReportFitsRanges(ranges, CountUndefined(samples, ranges.overall), metadata.fixedDivisor, diagnostics);
   ReportHeaderExtrema(ReadHeaderExtrema(file.Get()), ranges.overall, diagnostics);
   ReportFitsConversion(metadata.fixedDivisor, linear, diagnostics);
   RefuseNonFinite(ranges.overall, path);
@@ -213,12 +212,12 @@ FitsImage ReadFitsImageWithMetadata(const std::string& path, bool linear, const 
     metadata.upperClippedSamples = ranges.overall.aboveOne;
     ReportLinearPreparation(ranges.overall, metadata.fixedDivisor, diagnostics);
     RequireSupportedCube(axes, linear, path);
-    result.image = LinearFitsImage(samples.values, axes, metadata.fixedDivisor);
-    metadata.physicalSamples = std::move(samples.values);
+    result.image = LinearFitsImage(samples, axes, metadata.fixedDivisor);
+    metadata.physicalSamples = std::move(samples);
   } else {
     if (floatingPoint) ValidateNormalizedFloatPixels(file.Get(), ranges.overall, path);
     RequireSupportedCube(axes, linear, path);
-    result.image = NormalizedFitsImage(samples.values, axes, metadata.normalizationScale);
+    result.image = NormalizedFitsImage(samples, axes, metadata.normalizationScale);
   }
   metadata.width = result.image.cols;
   metadata.height = result.image.rows;

@@ -43,8 +43,8 @@ struct FitsRanges {
 /// CV_64FC1 or CV_64FC3: each sample divided by `divisor` and limited to at most 1. The axes must be supported.
 [[nodiscard]] cv::Mat LinearFitsImage(std::span<const double> samples, const FitsAxes& axes, double divisor);
 
-/// The samples of a CV_64F image of one or three channels in FITS order: rows for one channel, three planes for three,
-/// three samples side by side for PlaneFirst.
+/// The samples of a CV_32F or CV_64F image of one or three channels in FITS order: rows for one channel, three planes
+/// for three, three samples side by side for PlaneFirst.
 [[nodiscard]] std::vector<double> FlattenForFits(const cv::Mat& image, FitsChannelLayout layout);
 
 }  // namespace ulmora::cli

@@ -61,7 +61,7 @@ struct FitsOutput {
   void Check(const char* stage) const { CheckFits(status, stage, path); }
 };
 
-/// The image with as many channels as the output has, in double precision.
+/// The image with as many channels as the output has, in floating point.
 cv::Mat OutputChannels(cv::Mat image, bool grayscale, const FitsMetadata* metadata) {
   if (grayscale && image.channels() == 3) image = RgbToGray(image);
   const bool cube = metadata != nullptr && metadata->channelLayout != FitsChannelLayout::Mono;
@@ -69,7 +69,8 @@ cv::Mat OutputChannels(cv::Mat image, bool grayscale, const FitsMetadata* metada
   if (image.channels() != 1 && image.channels() != 3) {
     throw std::invalid_argument("Unsupported number of FITS output channels: " + std::to_string(image.channels()));
   }
-  if (image.depth() != CV_64F) image.convertTo(image, CV_64F, 1.0, 0.0);
+  // Single precision widens when the samples are put in order; the detour would cost a second image.
+  if (image.depth() != CV_64F && image.depth() != CV_32F) image.convertTo(image, CV_64F, 1.0, 0.0);
   return image;
 }
 

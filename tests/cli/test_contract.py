@@ -221,6 +221,17 @@ def test_the_progress_schema_refuses_what_is_wrong(change):
         schema("progress").validate(event | change)
 
 
+# A standard output that takes nothing.
+
+
+@pytest.mark.parametrize("arguments", ["", "--help", "--version", "--machine-info", "--check-updates"])
+@pytest.mark.parametrize("output", [">&-", ">/dev/full"])
+def test_a_closed_or_full_standard_output_crashes_nothing(lumvane, tmp_path, arguments, output):
+    command = f"'{lumvane.path}' {arguments} {output}"
+    done = subprocess.run(["/bin/sh", "-c", command], cwd=tmp_path, capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stderr) == (0, "")
+
+
 # The update answer.
 
 
