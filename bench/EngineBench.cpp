@@ -142,6 +142,7 @@ void ProfileNetwork(int rounds, const std::string& name, const program::Program&
 
 /// engine_bench [rounds]
 int main(int count, char** arguments) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // results so far survive an interrupted run
   const int rounds = count > 1 ? std::max(1, std::atoi(arguments[1])) : 10;
   CompareStack(rounds, 8, 64, 512);
   ProfileNetwork(rounds, "half-resolution residual U-Net 32-64-128, one block a level, 512 x 512",
