@@ -4,19 +4,24 @@ option(LUMVANE_WERROR "Treat warnings as errors" OFF)
 set(LUMVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, empty for none")
 set_property(CACHE LUMVANE_SANITIZE PROPERTY STRINGS "" "address,undefined")
 
-add_library(lumvane_options INTERFACE)
-target_compile_features(lumvane_options INTERFACE cxx_std_20)
-target_compile_options(
-  lumvane_options
-  INTERFACE
+set(LUMVANE_WARNINGS
     -Wall
     -Wextra
     -Wpedantic
     -Wshadow
     -Wnon-virtual-dtor
     -Wold-style-cast
-    -Woverloaded-virtual
-    $<$<BOOL:${LUMVANE_WERROR}>:-Werror>
+    -Woverloaded-virtual)
+if(LUMVANE_WERROR)
+  list(APPEND LUMVANE_WARNINGS -Werror)
+endif()
+
+add_library(lumvane_options INTERFACE)
+target_compile_features(lumvane_options INTERFACE cxx_std_20)
+target_compile_options(
+  lumvane_options
+  INTERFACE
+    ${LUMVANE_WARNINGS}
     # GCC 12 reports overlapping copies in plain std::string concatenation when it optimizes fully (its bug 105651).
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
     # Assertion texts name source files; they must read "src/..." on every machine.

@@ -1,5 +1,5 @@
 // CoreMLBackend over the portable engine, for platforms without Core ML.
-#include "common/ModelContext.h"
+#include "core/BackendContract.h"
 #include "core/CoreMLBackend.h"
 #include "engine/Model.h"
 
@@ -19,17 +19,14 @@ struct CoreMLBackend::Impl {
 
 namespace {
 
-constexpr std::size_t kChannels = 3;
-
-[[noreturn]] void Fail(const std::string& what, const std::exception& cause) {
-  throw std::runtime_error(what + ": " + cause.what());
-}
+using contract::Fail;
+using contract::kChannels;
 
 std::filesystem::path ModelPath(const std::string& path) {
   std::filesystem::path modelPath(std::u8string(path.begin(), path.end()));
   std::error_code error;
   if (!std::filesystem::exists(modelPath, error)) {
-    throw std::runtime_error("CoreML model package not found: " + path);
+    Fail(contract::kNotFound, path);
   }
   return modelPath;
 }
@@ -44,8 +41,8 @@ engine::Model OpenModel(const std::filesystem::path& path) {
   try {
     return engine::Model(path);
   } catch (const engine::Error& error) {
-    if (IsCompiledModel(path) || error.stage() == engine::Stage::Load) Fail("Unable to load CoreML model", error);
-    Fail("Unable to compile CoreML model", error);
+    if (IsCompiledModel(path) || error.stage() == engine::Stage::Load) Fail(contract::kNotLoaded, error.what());
+    Fail(contract::kNotCompiled, error.what());
   }
 }
 
@@ -61,17 +58,11 @@ std::array<cv::Mat, kChannels> Planes(float* tensor, int rows, int cols) {
   return planes;
 }
 
-void RequireTile(const cv::Mat& tile) {
-  if (tile.empty()) throw std::runtime_error("CoreML input image is empty.");
-  if (tile.type() != CV_32FC3) throw std::runtime_error("CoreML input image must be CV_32FC3.");
-  if (!tile.isContinuous()) throw std::runtime_error("CoreML input image must be continuous.");
-}
-
 // The engine runs tensors alone and would refuse an image output as it does everything that it cannot run.
 void RequireTensorOutput(const engine::Model& model) {
   using engine::FeatureKind;
   if (model.inputs().front().kind == FeatureKind::Tensor && model.outputs().front().kind != FeatureKind::Tensor) {
-    throw std::runtime_error("CoreML prediction did not return a multi-array output.");
+    throw std::runtime_error(contract::kNoOutputArray);
   }
 }
 
@@ -79,9 +70,9 @@ std::span<float> BindInput(engine::Model& model, const engine::Shape& shape) {
   try {
     return model.BindInput(shape);
   } catch (const std::bad_alloc& error) {
-    Fail("Unable to allocate CoreML input tensor", error);
+    Fail(contract::kNoInputTensor, error.what());
   } catch (const std::exception& error) {
-    Fail("CoreML prediction failed", error);
+    Fail(contract::kNotPredicted, error.what());
   }
 }
 
@@ -89,15 +80,13 @@ engine::OutputView Predict(engine::Model& model) {
   try {
     return model.Run();
   } catch (const std::exception& error) {
-    Fail("CoreML prediction failed", error);
+    Fail(contract::kNotPredicted, error.what());
   }
 }
 
 cv::Mat ImageOf(const engine::OutputView& output, const engine::Shape& expected) {
-  if (output.element != engine::ElementType::Float32) {
-    throw std::runtime_error("CoreML output tensor must be Float32.");
-  }
-  if (output.shape != expected) throw std::runtime_error("CoreML returned an unexpected output shape.");
+  if (output.element != engine::ElementType::Float32) throw std::runtime_error(contract::kOutputNotFloat32);
+  if (output.shape != expected) throw std::runtime_error(contract::kOutputShape);
   const int rows = static_cast<int>(expected[2]), cols = static_cast<int>(expected[3]);
   // cv::Mat has no headers on constant memory; merging only reads.
   const auto planes = Planes(const_cast<float*>(output.data.data()), rows, cols);
@@ -111,19 +100,17 @@ cv::Mat ImageOf(const engine::OutputView& output, const engine::Shape& expected)
 CoreMLBackend::CoreMLBackend(const std::string& modelPath) try {
   engine::Model model = OpenModel(ModelPath(modelPath));
   if (model.inputs().size() != 1 || model.outputs().size() != 1) {
-    throw std::runtime_error("CoreML model must expose exactly one input and one output.");
+    throw std::runtime_error(contract::kNotOneInputAndOutput);
   }
   impl_ = std::make_unique<Impl>(Impl{std::move(model)});
 } catch (const std::exception& error) {
-  throw std::runtime_error(
-      std::string(error.what()) + "\n" +
-      diagnostics::ModelContext("CoreML", ".mlpackage or .mlmodelc directory bundle", modelPath, "backend caller", {}));
+  throw std::runtime_error(contract::OpeningFailure(error, modelPath));
 }
 
 CoreMLBackend::~CoreMLBackend() = default;
 
 cv::Mat CoreMLBackend::RunTile(const cv::Mat& tile) {
-  RequireTile(tile);
+  contract::RequireTile(tile);
   RequireTensorOutput(impl_->model);
   const engine::Shape shape = ShapeOf(tile);
   const std::span<float> input = BindInput(impl_->model, shape);
