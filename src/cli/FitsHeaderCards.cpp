@@ -27,6 +27,13 @@ bool IsIndexedKeyword(std::string_view keyword, std::string_view family) {
   return std::all_of(keyword.begin(), keyword.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
 }
 
+/// The card as CFITSIO will write it: what is no printable ASCII character becomes a blank there.
+std::string AsWritten(std::string card) {
+  std::replace_if(
+      card.begin(), card.end(), [](char c) { return c < ' ' || c > '~'; }, ' ');
+  return card;
+}
+
 }  // namespace
 
 std::vector<std::string> ReadHeaderCards(fitsfile* file, const std::string& path) {
@@ -62,7 +69,8 @@ void WritePreservedHeaderCards(fitsfile* file, const FitsMetadata* metadata, con
   if (metadata == nullptr) return;
   int status = 0;
   for (const std::string& card : metadata->headerCards) {
-    if (IsOutputOwnedHeaderCard(card)) continue;
+    // A damaged keyword must not turn into a structural one on its way out.
+    if (IsOutputOwnedHeaderCard(AsWritten(card))) continue;
     fits_write_record(file, card.c_str(), &status);
     CheckFits(status, "Preserving header metadata", path);
   }

@@ -4,6 +4,7 @@
 #include "cli/FitsHeaderCards.h"
 #include "cli/FitsReport.h"
 #include "cli/FitsSamples.h"
+#include "cli/FitsTiles.h"
 
 #include <algorithm>
 #include <array>
@@ -86,10 +87,14 @@ FitsHeaderExtrema ReadHeaderExtrema(fitsfile* file) {
 }
 
 /// Reads the last sample alone. A header may claim any size; if the data does not reach that far, the read fails here,
-/// before anything is allocated for the claim.
-void ProbeLastSample(fitsfile* file, FitsAxes axes, int& status) {
+/// before anything is allocated for the claim. Tiles are not read twice: CFITSIO 4.2 keeps the last one that it
+/// decoded, and reading it again asks for null flags that it has not kept.
+int ProbeData(fitsfile* file, FitsAxes axes) {
+  int status = 0;
+  if (fits_is_compressed_image(file, &status) != 0) return CheckTileStreams(file, axes);
   double sample = 0.0;
   fits_read_pix(file, TDOUBLE, axes.lengths.data(), 1, nullptr, &sample, nullptr, &status);
+  return status;
 }
 
 /// Number of samples, or nothing if it is beyond what memory can address.
@@ -106,8 +111,7 @@ std::optional<std::size_t> SampleCount(const FitsAxes& axes) {
 PhysicalSamples ReadPhysicalSamples(fitsfile* file, const FitsAxes& axes, bool floatingPoint, const std::string& path) {
   static constexpr const char* kStage = "Reading double-precision physical pixels";
   const std::optional<std::size_t> count = SampleCount(axes);
-  int status = count ? 0 : END_OF_FILE;
-  if (count) ProbeLastSample(file, axes, status);
+  int status = count ? ProbeData(file, axes) : END_OF_FILE;
   CheckFits(status, kStage, path);
 
   PhysicalSamples samples(*count);

@@ -82,6 +82,16 @@ TEST_F(PreservedCards, OnlyStructuralCardsAddNothing) {
   EXPECT_EQ(Written(&metadata).cards, Written(nullptr).cards);
 }
 
+TEST_F(PreservedCards, ADamagedKeywordDoesNotBecomeStructural) {
+  FitsMetadata metadata;
+  metadata.headerCards = {"GCOUNT\x1e\x1e= ", "NAXIS1 \x7f=                    9", "OBJECT  = 'M 13    '"};
+  const test::FitsContent content = Written(&metadata);
+  EXPECT_EQ(content.axes, (std::vector<long>{1, 1}));
+  EXPECT_EQ(content.Cards("GCOUNT").size(), 0U);
+  EXPECT_EQ(content.Cards("NAXIS1").size(), 1U);
+  EXPECT_EQ(content.Cards("OBJECT").size(), 1U);
+}
+
 TEST_F(PreservedCards, ACardThatCannotBeWrittenIsAFailureWithItsStage) {
   FitsMetadata metadata;
   metadata.headerCards = {"KEY=VAL  'x'"};

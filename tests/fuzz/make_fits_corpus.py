@@ -28,8 +28,10 @@ def main():
     image = fits.ImageHDU(np.zeros((3, 4), np.int16))
     image.header["BLANK"] = -1
     fits.HDUList([fits.PrimaryHDU(), table, image]).writeto(folder / "extensions.fits", overwrite=True)
-    compressed = fits.CompImageHDU(np.arange(400, dtype=np.int16).reshape(20, 20), compression_type="RICE_1")
-    fits.HDUList([fits.PrimaryHDU(), compressed]).writeto(folder / "tiles.fits", overwrite=True)
+    for coding in ("RICE_1", "GZIP_1", "GZIP_2", "PLIO_1", "HCOMPRESS_1"):
+        pixels = np.arange(400, dtype=np.int16).reshape(20, 20)
+        compressed = fits.CompImageHDU(pixels, compression_type=coding)
+        fits.HDUList([fits.PrimaryHDU(), compressed]).writeto(folder / f"tiles-{coding.lower()}.fits", overwrite=True)
     (folder / "zipped.fits").write_bytes(gzip.compress((folder / "uint16-mono.fits").read_bytes()))
 
 

@@ -1,0 +1,155 @@
+#include "cli/FitsTiles.h"
+
+#include "cli/TileStreams.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace ulmora::cli {
+namespace {
+
+std::string ReadText(fitsfile* file, const char* name) {
+  int status = 0;
+  std::array<char, FLEN_VALUE> text{};
+  fits_read_key(file, TSTRING, name, text.data(), nullptr, &status);
+  if (status != 0) fits_clear_errmsg();
+  return status == 0 ? text.data() : "";
+}
+
+long ReadNumber(fitsfile* file, const std::string& name, long missing) {
+  int status = 0;
+  long value = missing;
+  fits_read_key(file, TLONG, name.c_str(), &value, nullptr, &status);
+  if (status == 0) return value;
+  fits_clear_errmsg();
+  return missing;
+}
+
+/// How an image is cut into tiles: one row of the table each, the first axis running fastest.
+struct Tiling {
+  int axes = 0;
+  std::array<LONGLONG, 3> lengths{};
+  std::array<LONGLONG, 3> tile{};
+
+  [[nodiscard]] LONGLONG Count() const {
+    LONGLONG count = 1;
+    for (std::size_t k = 0; k < static_cast<std::size_t>(axes); ++k) count *= (lengths[k] + tile[k] - 1) / tile[k];
+    return count;
+  }
+  /// Pixels of tile `index`; those at the far edges are smaller.
+  [[nodiscard]] LONGLONG Pixels(LONGLONG index) const {
+    LONGLONG pixels = 1;
+    for (std::size_t k = 0; k < static_cast<std::size_t>(axes); ++k) {
+      const LONGLONG across = (lengths[k] + tile[k] - 1) / tile[k];
+      pixels *= std::min(tile[k], lengths[k] - index % across * tile[k]);
+      index /= across;
+    }
+    return pixels;
+  }
+};
+
+/// Without cards of its own a tiling is by rows.
+Tiling ReadTiling(fitsfile* file, const FitsAxes& axes) {
+  Tiling tiling;
+  tiling.axes = axes.count;
+  for (std::size_t k = 0; k < static_cast<std::size_t>(axes.count); ++k) {
+    tiling.lengths[k] = axes.lengths[k];
+    const long wanted = ReadNumber(file, "ZTILE" + std::to_string(k + 1), k == 0 ? axes.lengths[0] : 1);
+    tiling.tile[k] = std::clamp<LONGLONG>(wanted, 1, axes.lengths[k]);
+  }
+  return tiling;
+}
+
+/// The decoders of the first three run past the end of their input. The others, deflate above all, stop there.
+enum class Coding { rice, pixelList, hcompress, bounded };
+
+/// Deflate makes nothing smaller than this.
+constexpr LONGLONG kBestRatio = 1032;
+
+Coding ReadCoding(fitsfile* file) {
+  const std::string name = ReadText(file, "ZCMPTYPE");
+  if (name == "RICE_1" || name == "RICE_ONE") return Coding::rice;
+  if (name == "PLIO_1") return Coding::pixelList;
+  if (name == "HCOMPRESS_1") return Coding::hcompress;
+  return Coding::bounded;
+}
+
+/// Reads the last byte or word of a stream alone: a lying length fails here, before anything is allocated for it.
+template <typename T>
+void ProbeStream(fitsfile* file, int type, int column, LONGLONG row, LONGLONG length, int& status) {
+  T last{};
+  fits_read_col(file, type, column, row, length, 1, nullptr, &last, nullptr, &status);
+}
+
+/// The stream in the table's cell; empty with a status.
+template <typename T>
+std::vector<T> ReadStream(fitsfile* file, int type, int column, LONGLONG row, LONGLONG length, int& status) {
+  ProbeStream<T>(file, type, column, row, length, status);
+  if (status != 0) return {};
+  std::vector<T> stream(static_cast<std::size_t>(length));
+  fits_read_col(file, type, column, row, 1, length, nullptr, stream.data(), nullptr, &status);
+  return stream;
+}
+
+class TileChecker {
+ public:
+  TileChecker(fitsfile* file, const FitsAxes& axes)
+      : file_(file), tiling_(ReadTiling(file, axes)), coding_(ReadCoding(file)) {
+    // The library takes these two by their position, whatever their names.
+    rice_.blockSize = static_cast<int>(ReadNumber(file, "ZVAL1", rice_.blockSize));
+    rice_.bytesPerPixel = static_cast<int>(ReadNumber(file, "ZVAL2", rice_.bytesPerPixel));
+    sampleBytes_ = std::max(1L, std::abs(ReadNumber(file, "ZBITPIX", 8)) / 8);
+  }
+
+  int Check() {
+    int status = 0;
+    int column = 0;
+    std::string name = "COMPRESSED_DATA";
+    fits_get_colnum(file_, CASEINSEN, name.data(), &column, &status);
+    const LONGLONG count = tiling_.Count();
+    for (LONGLONG tile = 0; tile < count && status == 0; ++tile) CheckTile(column, tile, status);
+    return status;
+  }
+
+ private:
+  void CheckTile(int column, LONGLONG tile, int& status) {
+    LONGLONG length = 0;
+    LONGLONG offset = 0;
+    fits_read_descriptll(file_, column, tile + 1, &length, &offset, &status);
+    // A tile without a stream is stored in another column, deflated or plain.
+    if (status != 0 || length <= 0) return;
+    const auto pixels = static_cast<std::uint64_t>(tiling_.Pixels(tile));
+    const bool whole = IsWhole(column, tile + 1, length, pixels, status);
+    if (status == 0 && !whole) status = DATA_DECOMPRESSION_ERR;
+  }
+
+  bool IsWhole(int column, LONGLONG row, LONGLONG length, std::uint64_t pixels, int& status) {
+    if (coding_ == Coding::bounded) {
+      ProbeStream<std::uint8_t>(file_, TBYTE, column, row, length, status);
+      return pixels <= static_cast<std::uint64_t>(length) * kBestRatio / static_cast<std::uint64_t>(sampleBytes_) + 1;
+    }
+    if (coding_ == Coding::pixelList) {
+      return HoldsPixelListInstructions(ReadStream<std::int16_t>(file_, TSHORT, column, row, length, status));
+    }
+    const auto stream = ReadStream<std::uint8_t>(file_, TBYTE, column, row, length, status);
+    return coding_ == Coding::rice ? HoldsRicePixels(stream, pixels, rice_) : AnnouncesHcompressPixels(stream, pixels);
+  }
+
+  fitsfile* file_;
+  Tiling tiling_;
+  Coding coding_;
+  RiceFormat rice_;
+  long sampleBytes_ = 1;
+};
+
+}  // namespace
+
+int CheckTileStreams(fitsfile* file, const FitsAxes& axes) {
+  return TileChecker(file, axes).Check();
+}
+
+}  // namespace ulmora::cli
