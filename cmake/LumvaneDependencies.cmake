@@ -12,6 +12,9 @@ add_library(CFITSIO::cfitsio UNKNOWN IMPORTED)
 set_target_properties(CFITSIO::cfitsio PROPERTIES IMPORTED_LOCATION ${CFITSIO_LIBRARY} INTERFACE_INCLUDE_DIRECTORIES
                                                                                        ${CFITSIO_INCLUDE_DIR})
 
+# What CFITSIO itself inflates with; every platform that has it has this.
+find_package(ZLIB REQUIRED)
+
 # TCLAP is headers alone. SYSTEM keeps its warnings out of our build.
 find_path(TCLAP_INCLUDE_DIR tclap/CmdLine.h REQUIRED)
 add_library(lumvane_tclap INTERFACE)

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -64,18 +63,18 @@ Tiling ReadTiling(fitsfile* file, const FitsAxes& axes) {
   return tiling;
 }
 
-/// The decoders of the first three run past the end of their input. The others, deflate above all, stop there.
-enum class Coding { rice, pixelList, hcompress, bounded };
+enum class Coding { rice, pixelList, hcompress, deflate, other };
 
-/// Deflate makes nothing smaller than this.
-constexpr LONGLONG kBestRatio = 1032;
+/// No sample of an image takes more bytes.
+constexpr std::uint64_t kMostSampleBytes = 8;
 
 Coding ReadCoding(fitsfile* file) {
   const std::string name = ReadText(file, "ZCMPTYPE");
   if (name == "RICE_1" || name == "RICE_ONE") return Coding::rice;
   if (name == "PLIO_1") return Coding::pixelList;
   if (name == "HCOMPRESS_1") return Coding::hcompress;
-  return Coding::bounded;
+  if (name == "GZIP_1" || name == "GZIP_2") return Coding::deflate;
+  return Coding::other;
 }
 
 /// Reads the last byte or word of a stream alone: a lying length fails here, before anything is allocated for it.
@@ -102,48 +101,58 @@ class TileChecker {
     // The library takes these two by their position, whatever their names.
     rice_.blockSize = static_cast<int>(ReadNumber(file, "ZVAL1", rice_.blockSize));
     rice_.bytesPerPixel = static_cast<int>(ReadNumber(file, "ZVAL2", rice_.bytesPerPixel));
-    sampleBytes_ = std::max(1L, std::abs(ReadNumber(file, "ZBITPIX", 8)) / 8);
   }
 
   int Check() {
+    const int streams = Column("COMPRESSED_DATA");
+    // Where quantising a tile of floats was not worth it, its samples stand here, deflated.
+    const int exact = Column("GZIP_COMPRESSED_DATA");
     int status = 0;
-    int column = 0;
-    std::string name = "COMPRESSED_DATA";
-    fits_get_colnum(file_, CASEINSEN, name.data(), &column, &status);
     const LONGLONG count = tiling_.Count();
-    for (LONGLONG tile = 0; tile < count && status == 0; ++tile) CheckTile(column, tile, status);
+    for (LONGLONG tile = 0; tile < count && status == 0; ++tile) {
+      CheckTile(coding_, streams, tile, status);
+      CheckTile(Coding::deflate, exact, tile, status);
+    }
     return status;
   }
 
  private:
-  void CheckTile(int column, LONGLONG tile, int& status) {
+  /// The number of a column, 0 where there is none.
+  int Column(std::string name) {
+    int status = 0;
+    int column = 0;
+    fits_get_colnum(file_, CASEINSEN, name.data(), &column, &status);
+    if (status != 0) fits_clear_errmsg();
+    return status == 0 ? column : 0;
+  }
+
+  void CheckTile(Coding coding, int column, LONGLONG tile, int& status) {
+    if (column == 0 || status != 0) return;
     LONGLONG length = 0;
     LONGLONG offset = 0;
     fits_read_descriptll(file_, column, tile + 1, &length, &offset, &status);
-    // A tile without a stream is stored in another column, deflated or plain.
+    // A tile without a stream here is stored in another column.
     if (status != 0 || length <= 0) return;
     const auto pixels = static_cast<std::uint64_t>(tiling_.Pixels(tile));
-    const bool whole = IsWhole(column, tile + 1, length, pixels, status);
+    const bool whole = IsWhole(coding, column, tile + 1, length, pixels, status);
     if (status == 0 && !whole) status = DATA_DECOMPRESSION_ERR;
   }
 
-  bool IsWhole(int column, LONGLONG row, LONGLONG length, std::uint64_t pixels, int& status) {
-    if (coding_ == Coding::bounded) {
-      ProbeStream<std::uint8_t>(file_, TBYTE, column, row, length, status);
-      return pixels <= static_cast<std::uint64_t>(length) * kBestRatio / static_cast<std::uint64_t>(sampleBytes_) + 1;
-    }
-    if (coding_ == Coding::pixelList) {
+  bool IsWhole(Coding coding, int column, LONGLONG row, LONGLONG length, std::uint64_t pixels, int& status) {
+    if (coding == Coding::other) return true;
+    if (coding == Coding::pixelList) {
       return HoldsPixelListInstructions(ReadStream<std::int16_t>(file_, TSHORT, column, row, length, status));
     }
     const auto stream = ReadStream<std::uint8_t>(file_, TBYTE, column, row, length, status);
-    return coding_ == Coding::rice ? HoldsRicePixels(stream, pixels, rice_) : AnnouncesHcompressPixels(stream, pixels);
+    if (coding == Coding::rice) return HoldsRicePixels(stream, pixels, rice_);
+    if (coding == Coding::hcompress) return AnnouncesHcompressPixels(stream, pixels);
+    return HoldsDeflated(stream, pixels * kMostSampleBytes);
   }
 
   fitsfile* file_;
   Tiling tiling_;
   Coding coding_;
   RiceFormat rice_;
-  long sampleBytes_ = 1;
 };
 
 }  // namespace

@@ -4,6 +4,9 @@
 #include <array>
 #include <bit>
 #include <cstddef>
+#include <limits>
+#include <memory>
+#include <zlib.h>
 
 namespace ulmora::cli {
 namespace {
@@ -129,6 +132,28 @@ bool AnnouncesHcompressPixels(std::span<const std::uint8_t> stream, std::uint64_
   const auto planes = stream.subspan(22, 3);
   return rows != 0 && columns != 0 && rows < 1U << 31 && columns < 1U << 31 && rows * columns == pixels &&
          std::all_of(planes.begin(), planes.end(), [](std::uint8_t bits) { return bits <= kMostBits; });
+}
+
+bool HoldsDeflated(std::span<const std::uint8_t> stream, std::uint64_t most) {
+  constexpr int kGzipHeader = 16;
+  z_stream state{};
+  if (stream.size() > std::numeric_limits<uInt>::max() || inflateInit2(&state, MAX_WBITS + kGzipHeader) != Z_OK) {
+    return false;
+  }
+  const std::unique_ptr<z_stream, decltype(&inflateEnd)> owner(&state, &inflateEnd);
+  // The library takes its input through a pointer to what is not constant and leaves it alone.
+  state.next_in = const_cast<Bytef*>(stream.data());
+  state.avail_in = static_cast<uInt>(stream.size());
+  std::array<Bytef, 16384> thrownAway;
+  std::uint64_t length = 0;
+  int result = Z_OK;
+  while (result == Z_OK && length <= most) {
+    state.next_out = thrownAway.data();
+    state.avail_out = static_cast<uInt>(thrownAway.size());
+    result = inflate(&state, Z_NO_FLUSH);
+    length += thrownAway.size() - state.avail_out;
+  }
+  return result == Z_STREAM_END && length <= most;
 }
 
 }  // namespace ulmora::cli

@@ -1,6 +1,7 @@
 #pragma once
-// Whether the compressed stream of an image tile holds all that its decoder will read. The FITS library's decoders for
-// these streams do not stop at the end of their input, so a damaged file must be noticed before they start.
+// Whether the compressed stream of an image tile holds all that its decoder will read. The FITS library's decoders do
+// not stop at the end of their input, and for deflate at no end of their output, so a damaged file must be noticed
+// before.
 
 #include <cstdint>
 #include <span>
@@ -25,5 +26,8 @@ struct RiceFormat {
 /// True if the stream begins as an H-compressed one (FITS standard, section 10.4.4) of exactly this many pixels whose
 /// coefficients have numbers of bits that exist. The coefficients themselves are not looked at.
 [[nodiscard]] bool AnnouncesHcompressPixels(std::span<const std::uint8_t> stream, std::uint64_t pixels);
+
+/// True if the stream is a whole gzip one that inflates to at most `most` bytes.
+[[nodiscard]] bool HoldsDeflated(std::span<const std::uint8_t> stream, std::uint64_t most);
 
 }  // namespace ulmora::cli

@@ -200,6 +200,25 @@ TEST(HoldsPixelListInstructions, RefusesAnInstructionWithoutItsOperand) {
   EXPECT_FALSE(HoldsPixelListInstructions(whole)) << "a list that starts before itself";
 }
 
+TEST_F(FitsTiles, ADeflatedStreamMustEndAndFit) {
+  Write(GZIP_1, SHORT_IMG, 40);
+  const auto stream = Stream<std::uint8_t>(TBYTE, 1);
+  const std::span<const std::uint8_t> bytes(stream);
+  EXPECT_TRUE(HoldsDeflated(bytes, 2 * kColumns));
+  EXPECT_FALSE(HoldsDeflated(bytes, 2 * kColumns - 1)) << "longer than its tile";
+  for (std::size_t length = 0; length < stream.size(); ++length) {
+    EXPECT_FALSE(HoldsDeflated(bytes.first(length), 2 * kColumns)) << length << " of " << stream.size();
+  }
+}
+
+TEST_F(FitsTiles, ADeflatedStreamWithoutEndIsRefused) {
+  Write(GZIP_1, SHORT_IMG, 40);
+  const auto stream = Stream<std::uint8_t>(TBYTE, kRows);
+  Damage(stream, stream.size() / 2, 0);
+  EXPECT_EQ(Failure(),
+            "Reading double-precision physical pixels failed for FITS image " + path_ + ": error uncompressing image");
+}
+
 TEST_F(FitsTiles, AnHcompressStreamMustBeOfItsTile) {
   Write(HCOMPRESS_1, SHORT_IMG, 40);
   auto stream = Stream<std::uint8_t>(TBYTE, 1);
