@@ -42,8 +42,9 @@ void RoundTrip(const ulmora::cli::FitsImage& source, const ulmora::cli::CliDiagn
 
 }  // namespace
 
-/// The FITS library forgets buffers when the decoding of a tile fails, some of them in functions without a name, so that
-/// only the whole library can be left out. Handles that we forget to close are found by the unit tests' leak check.
+/// The FITS library forgets buffers when the decoding of a tile fails, some of them in functions without a name, so
+/// that only the whole library can be left out. Handles that we forget to close are found by the unit tests' leak
+/// check.
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:libcfitsio";
 }

@@ -105,6 +105,10 @@ BufferId Emitter::Constant(const Tensor& constant) {
   return NewBuffer(ByteCount(constant.type(), Layout::Plain), const_cast<void*>(weights_.Plain(constant)));
 }
 
+BufferId Emitter::PackedConstant(const Tensor& constant, std::int64_t bytes, const WeightStore::Packer& pack) {
+  return NewBuffer(bytes, const_cast<void*>(weights_.Packed(constant, bytes, pack)));
+}
+
 BufferId Emitter::Result(program::ValueId value, Layout layout) {
   const BufferId buffer = IsOutput(value, layout) ? output_ : NewBuffer(ByteCount(program_.at(value).type, layout));
   Place(value, layout, buffer);
@@ -152,9 +156,9 @@ void Emitter::Add(dnnl::primitive primitive, std::vector<Argument> arguments, co
   Add(std::make_unique<PrimitiveStep>(std::move(primitive), std::move(arguments)), buffers, std::move(runner));
 }
 
-void Emitter::Add(Kernel kernel, std::vector<BufferId> buffers) {
+void Emitter::Add(Kernel kernel, std::vector<BufferId> buffers, std::string runner) {
   auto step = std::make_unique<KernelStep>(std::move(kernel), buffers);
-  Add(std::move(step), buffers, "kernel");
+  Add(std::move(step), buffers, std::move(runner));
 }
 
 void Emitter::Add(std::unique_ptr<Step> step, const std::vector<BufferId>& buffers, std::string runner) {

@@ -50,6 +50,10 @@ class Emitter {
   [[nodiscard]] BufferId SourceAs(program::ValueId value, const onednn::Desc& given, const onednn::Desc& wanted);
   [[nodiscard]] BufferId Constant(const Tensor& constant, const onednn::Desc& given, const onednn::Desc& wanted);
   [[nodiscard]] BufferId Constant(const Tensor& constant);
+  /// A form of the constant's elements that a kernel of ours reads, made by `pack` unless there is one already.
+  [[nodiscard]] BufferId PackedConstant(const Tensor& constant, std::int64_t bytes, const WeightStore::Packer& pack);
+  /// Bytes of all such forms so far.
+  [[nodiscard]] std::int64_t packedBytes() const noexcept { return weights_.packedBytes(); }
 
   /// New buffer for a result.
   [[nodiscard]] BufferId Result(program::ValueId value, Layout layout);
@@ -69,7 +73,7 @@ class Emitter {
   /// `scratch` describes the memory that the primitive wants besides its arguments.
   void Add(dnnl::primitive primitive, std::vector<Argument> arguments, const onednn::Desc& scratch,
            const std::string& what = "");
-  void Add(Kernel kernel, std::vector<BufferId> buffers);
+  void Add(Kernel kernel, std::vector<BufferId> buffers, std::string runner = "kernel");
   void Add(std::unique_ptr<Step> step, const std::vector<BufferId>& buffers, std::string runner);
   /// Adds the library's reorder between two buffers.
   void Reorder(BufferId from, const onednn::Desc& fromDescription, BufferId to, const onednn::Desc& toDescription);

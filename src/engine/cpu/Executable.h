@@ -17,6 +17,9 @@ enum class LayoutPreference : std::uint8_t { Cheapest, Plain, ChannelsLast, Bloc
 
 struct ExecutableOptions {
   bool winograd = true;  ///< Winograd convolutions where they are faster; their rounding errors are a little larger
+  /// Bytes of transformed weights that Winograd convolutions keep. Those beyond are transformed anew by each run, which
+  /// takes less than a tenth of the convolution itself.
+  std::int64_t keptWinogradBytes = std::int64_t{48} << 20;
   LayoutPreference layout = LayoutPreference::Cheapest;
 };
 

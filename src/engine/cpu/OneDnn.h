@@ -1,6 +1,6 @@
 #pragma once
-// The only place that knows which interface of oneDNN it is compiled against: 2.x with operation descriptors and
-// Winograd, or 3.x without either. Everything else in cpu/ describes primitives through these functions.
+// The only place that knows which interface of oneDNN it is compiled against: 2.x with operation descriptors,
+// or 3.x without. Everything else in cpu/ describes primitives through these functions.
 
 #include <cmath>
 #include <oneapi/dnnl/dnnl.hpp>
@@ -79,9 +79,6 @@ template <typename Primitive>
   return Describe<Primitive>(reference, attributes, dnnl::prop_kind::forward_inference, algorithm, w.source, w.weights,
                              w.bias, w.destination, w.strides, w.dilations, w.padBefore, w.padAfter);
 }
-
-/// Whether convolutions by Winograd's algorithm exist at all (x86 lost them in 3.0).
-inline constexpr bool kHasWinograd = DNNL_VERSION_MAJOR < 3;
 
 /// Whether a deconvolution's kernel does post-operations itself. Others than these have them done by the reference
 /// implementation, element by element, which takes many times as long as the deconvolution.

@@ -24,6 +24,18 @@ const void* WeightStore::Prepare(const Tensor& constant, const onednn::Desc& giv
   return list.back().memory.data();
 }
 
+const void* WeightStore::Packed(const Tensor& constant, std::int64_t bytes, const Packer& pack) {
+  const auto [entry, isNew] = packed_.try_emplace(constant.identity());
+  if (isNew) {
+    entry->second = AlignedBuffer(static_cast<std::size_t>(bytes));
+    pack(constant.floats().data(), static_cast<float*>(entry->second.data()));
+    kept_.try_emplace(constant.identity(), constant);
+    packedBytes_ += bytes;
+    bytes_ += static_cast<std::size_t>(bytes);
+  }
+  return entry->second.data();
+}
+
 const void* WeightStore::Plain(const Tensor& constant) {
   kept_.try_emplace(constant.identity(), constant);
   switch (constant.storage()) {

@@ -6,6 +6,8 @@
 #include "engine/cpu/OneDnn.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 
@@ -20,6 +22,15 @@ class WeightStore {
   /// Address of the elements of a numeric or bool constant as they are. Keeps the constant alive.
   [[nodiscard]] const void* Plain(const Tensor& constant);
 
+  /// Makes a kernel's own form of a float constant from its row-major elements.
+  using Packer = std::function<void(const float* elements, float* packed)>;
+
+  /// Address of the form that `pack` makes, of that many bytes: of each constant one such form exists.
+  [[nodiscard]] const void* Packed(const Tensor& constant, std::int64_t bytes, const Packer& pack);
+
+  /// Bytes of all forms that Packed made.
+  [[nodiscard]] std::int64_t packedBytes() const noexcept { return packedBytes_; }
+
   /// Bytes of everything prepared; constants kept as they are do not count.
   [[nodiscard]] std::size_t bytes() const noexcept { return bytes_; }
 
@@ -32,7 +43,9 @@ class WeightStore {
 
   std::map<const void*, Tensor> kept_;  ///< by identity: while a constant is kept, no other can take its address
   std::map<const void*, std::list<Prepared>> prepared_;
+  std::map<const void*, AlignedBuffer> packed_;
   std::size_t bytes_ = 0;
+  std::int64_t packedBytes_ = 0;
 };
 
 }  // namespace ulmora::engine::cpu

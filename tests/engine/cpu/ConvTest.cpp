@@ -108,10 +108,10 @@ TEST(CompiledConv, TakesWeightsThatArriveAtRunTime) {
   ExpectSame(c, kSums);
 }
 
-/// Winograd rounds differently, so its tolerance is a little wider; 48 channels are where it begins.
+/// Winograd rounds differently, so its tolerance is a little wider.
 TEST(CompiledConv, WinogradAgrees) {
   Random random(9);
-  for (const std::int64_t channels : {48, 64, 50}) {
+  for (const std::int64_t channels : {32, 48, 64, 50}) {
     OpCase c;
     c.key = "conv";
     c.running["x"] = {random.Floats({1, channels, 13, 18})};
@@ -201,7 +201,7 @@ using Other = StepCase::Other;
 
 /// With channels that fill blocks, that do not, and that are enough for Winograd.
 void ExpectFusedSame(const std::vector<StepCase>& steps,
-                     const std::vector<std::int64_t>& channelCounts = {3, 16, 20, 48}) {
+                     const std::vector<std::int64_t>& channelCounts = {3, 16, 20, 32}) {
   std::string name;
   for (const StepCase& step : steps) name += step.key + std::to_string(static_cast<int>(step.other)) + " ";
   SCOPED_TRACE(name);
@@ -210,7 +210,7 @@ void ExpectFusedSame(const std::vector<StepCase>& steps,
       const bool readsOther = std::ranges::any_of(steps, [](const StepCase& s) { return s.other == Other::Computed; });
       if (keepOther && !readsOther) continue;
       Random random(static_cast<std::uint32_t>(channels));
-      FusedNetwork network(random, channels, channels == 48);
+      FusedNetwork network(random, channels, channels == 32);
       for (const StepCase& step : steps) network.Add(step);
       const Tensor input = random.Floats(network.shape());
       SCOPED_TRACE("channels " + std::to_string(channels));
@@ -226,11 +226,18 @@ TEST(CompiledConv, FusesActivations) {
   }
 }
 
+/// Those that the Winograd kernels do themselves, and one that they leave to a step of its own.
+TEST(CompiledConv, FusesActivationsToWinograd) {
+  for (const std::string key : {"relu", "leaky_relu", "relu6", "clip", "linear_activation", "abs", "tanh"}) {
+    ExpectFusedSame({{key}}, {32});
+  }
+}
+
 TEST(CompiledConv, FusesBinarySteps) {
   for (const std::string key : {"add", "mul", "maximum", "minimum", "sub", "real_div"}) {
     for (const Other other : {Other::Scalar, Other::Channel, Other::Constant, Other::Computed, Other::Input}) {
       if (key == "real_div" && (other == Other::Computed || other == Other::Input)) continue;  // by numbers near zero
-      ExpectFusedSame({{key, other}}, {16, 20});
+      ExpectFusedSame({{key, other}}, {16, 20, 32});
     }
   }
 }

@@ -1,7 +1,8 @@
-// conv as the library's convolution and conv_transpose as its deconvolution.
+// conv as the library's convolution or our own Winograd kernels, and conv_transpose as the library's deconvolution.
 
 #include "engine/cpu/lower/Families.h"
 #include "engine/cpu/lower/PostOps.h"
+#include "engine/cpu/lower/WinogradConv.h"
 #include "engine/program/ops/ConvGeometry.h"
 
 #include <algorithm>
@@ -28,11 +29,6 @@ struct Candidate {
   algorithm kind;
   double slowdown;
 };
-
-/// From this many channels in and out a 3x3 Winograd convolution is faster than a direct one: by 1.3 to 1.9 times,
-/// against 0.5 to 0.9 below. Images from 16 x 16 to 512 x 512 agree.
-constexpr std::int64_t kWinogradChannels = 48;
-constexpr double kWinogradTime = 0.65;
 
 /// One use of conv or conv_transpose with everything that does not depend on the form.
 struct ConvTask {
@@ -106,15 +102,6 @@ bool IsStrided(const ConvTask& task) {
   return std::ranges::any_of(task.strides, [](std::int64_t stride) { return stride != 1; });
 }
 
-/// 3x3 with stride 1, dense, one group, and enough channels.
-bool SuitsWinograd(const ConvTask& task) {
-  const ConvGeometry& g = task.geometry;
-  return g.axes.size() == 2 && g.groups == 1 && g.inputChannels >= kWinogradChannels &&
-         g.outputChannels >= kWinogradChannels && std::ranges::all_of(g.axes, [](const WindowAxis& axis) {
-           return axis.kernel == 3 && axis.stride == 1 && axis.dilation == 1;
-         });
-}
-
 template <typename Primitive>
 constexpr algorithm kDirect = std::is_same_v<Primitive, dnnl::convolution_forward> ? algorithm::convolution_direct
                                                                                    : algorithm::deconvolution_direct;
@@ -145,7 +132,7 @@ Layout PreferredLayout(const ConvTask& task) {
 }
 
 template <typename Primitive>
-std::vector<Candidate> CandidatesFor(const LowerCall& call, const ConvTask& task) {
+std::vector<Candidate> CandidatesFor(const ConvTask& task) {
   constexpr double kSecondBest = 1.18;
   constexpr double kBlockedStrided = 2.2;
   constexpr double kPlain = 1.6;
@@ -156,16 +143,11 @@ std::vector<Candidate> CandidatesFor(const LowerCall& call, const ConvTask& task
   const auto slowdown = [&](Layout layout, double otherwise) {
     return layout == preferred || !isConvolution ? 1.0 : otherwise;
   };
-  std::vector<Candidate> candidates = {
-      {Layout::ChannelsLast, Layout::ChannelsLast, kDirect<Primitive>, slowdown(Layout::ChannelsLast, kSecondBest)},
-      {Layout::Blocked, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, blockedTime)},
-      // First layers: kernels that read a few planes directly.
-      {Layout::Plain, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, kSecondBest)},
-      {Layout::Plain, Layout::Plain, kDirect<Primitive>, kPlain}};
-  if (isConvolution && onednn::kHasWinograd && call.options.winograd && SuitsWinograd(task)) {
-    candidates.push_back({Layout::Blocked, Layout::Blocked, algorithm::convolution_winograd, kWinogradTime});
-  }
-  return candidates;
+  return {{Layout::ChannelsLast, Layout::ChannelsLast, kDirect<Primitive>, slowdown(Layout::ChannelsLast, kSecondBest)},
+          {Layout::Blocked, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, blockedTime)},
+          // First layers: kernels that read a few planes directly.
+          {Layout::Plain, Layout::Blocked, kDirect<Primitive>, slowdown(Layout::Blocked, kSecondBest)},
+          {Layout::Plain, Layout::Plain, kDirect<Primitive>, kPlain}};
 }
 
 template <typename Description>
@@ -234,9 +216,12 @@ std::vector<Form> LowerWindow(const LowerCall& call, bool transposed) {
   const ConvTask task = MakeTask(call, transposed);
   const double cost = DirectCost(task, transposed);
   std::vector<Form> forms;
-  for (const Candidate& candidate : CandidatesFor<Primitive>(call, task)) {
+  for (const Candidate& candidate : CandidatesFor<Primitive>(task)) {
     auto form = FormFor<Primitive>(call, task, candidate, cost, onednn::Reference::Refused);
     if (form) forms.push_back(std::move(*form));
+  }
+  if (!transposed) {
+    for (Form& form : WinogradForms(call, task.geometry, cost)) forms.push_back(std::move(form));
   }
   if (forms.empty()) {
     const Candidate slow = {Layout::Plain, Layout::Plain, kDirect<Primitive>, 200.0};

@@ -1,9 +1,8 @@
 #include "engine/cpu/lower/PostOps.h"
 
-#include "engine/cpu/lower/EltwiseMap.h"
+#include "engine/cpu/lower/FusedStep.h"
 
 #include <algorithm>
-#include <limits>
 #include <map>
 #include <string_view>
 
@@ -13,8 +12,6 @@ namespace {
 using dnnl::algorithm;
 using onednn::Eltwise;
 
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-
 /// Builds the post-operations of one operation step by step.
 class Builder {
  public:
@@ -23,9 +20,8 @@ class Builder {
 
   /// False if the step is beyond post-operations.
   bool Append(const program::FusedStep& step) {
-    const std::string_view key = step.definition->key;
-    if (kBinary.contains(key)) return AppendBinary(step, key);
-    const std::optional<std::vector<Eltwise>> functions = EltwiseOf(CallOf(step));
+    if (const std::optional<TensorStep> combination = TensorStepOf(call_, step)) return AppendTensor(*combination);
+    const std::optional<std::vector<Eltwise>> functions = FunctionsOf(call_, step);
     if (!functions) return false;
     for (const Eltwise& function : *functions) AppendFunction(function);
     return true;
@@ -39,59 +35,15 @@ class Builder {
  private:
   static const std::map<std::string_view, algorithm> kBinary;
 
-  [[nodiscard]] program::OpCall CallOf(const program::FusedStep& step) const {
-    std::vector<std::vector<program::OpCall::Operand>> operands;
-    for (const program::Operands& parameter : step.arguments) {
-      std::vector<program::OpCall::Operand>& row = operands.emplace_back();
-      for (const program::ValueId id : parameter) {
-        const program::Value& value = call_.program.at(id == program::kPrevious ? call_.result() : id);
-        row.push_back({value.type, value.constant ? &*value.constant : nullptr});
-      }
-    }
-    return {*step.definition, call_.operation.name, call_.program.opset, std::move(operands)};
-  }
-
   void AppendFunction(const Eltwise& function) { onednn::AppendEltwise(list_, function); }
 
-  bool AppendBinary(const program::FusedStep& step, std::string_view key) {
-    const program::ValueId x = step.arguments.at(0).at(0);
-    const program::ValueId y = step.arguments.at(1).at(0);
-    if (x == program::kPrevious && y == program::kPrevious) {
-      if (key != "mul") return false;
-      AppendFunction({algorithm::eltwise_square});
-      return true;
-    }
-    const bool flowsFirst = x == program::kPrevious;
-    const program::ValueId other = flowsFirst ? y : x;
-    if (!call_.IsFloat(other)) return false;
-    const std::optional<Tensor>& constant = call_.program.at(other).constant;
-    if (constant && constant->count() == 1) return AppendScalar(key, flowsFirst, constant->floats().front());
-    return AppendTensor(key, flowsFirst, other);
-  }
-
-  bool AppendScalar(std::string_view key, bool flowsFirst, float c) {
-    if (key == "add") {
-      AppendFunction({algorithm::eltwise_linear, 1.0F, c});
-    } else if (key == "sub") {
-      AppendFunction({algorithm::eltwise_linear, flowsFirst ? 1.0F : -1.0F, flowsFirst ? -c : c});
-    } else if (key == "mul") {
-      AppendFunction({algorithm::eltwise_linear, c, 0.0F});
-    } else if (key == "maximum") {
-      AppendFunction({algorithm::eltwise_clip, c, kInfinity});
-    } else if (key == "minimum") {
-      AppendFunction({algorithm::eltwise_clip, -kInfinity, c});
-    } else {
-      return false;  // dividing by c is not multiplying by its rounded inverse
-    }
-    return true;
-  }
-
-  bool AppendTensor(std::string_view key, bool flowsFirst, program::ValueId other) {
+  bool AppendTensor(const TensorStep& step) {
+    const program::ValueId other = step.other;
     const std::optional<Shape> shape = TargetShapeOf(other);
     if (!shape) return false;
-    algorithm operation = kBinary.at(key);
-    if (!flowsFirst && key == "real_div") return false;
-    if (!flowsFirst && key == "sub") {
+    algorithm operation = kBinary.at(step.key);
+    if (!step.previousFirst && step.key == "real_div") return false;
+    if (!step.previousFirst && step.key == "sub") {
       AppendFunction({algorithm::eltwise_linear, -1.0F, 0.0F});
       operation = algorithm::binary_add;
     }
