@@ -2,13 +2,6 @@
 
 #include "common/ModelContext.h"
 
-#ifdef __APPLE__
-#include <mach-o/dyld.h>
-#else
-#include <unistd.h>
-#endif
-
-#include <cstdint>
 #include <system_error>
 
 namespace ulmora::cli {
@@ -20,27 +13,6 @@ const char* BackendId() {
 const char* BackendDisplayName() {
   return "CoreML";
 }
-
-#ifdef __APPLE__
-std::string GetExecutablePath() {
-  std::uint32_t size = 0;
-  _NSGetExecutablePath(nullptr, &size);
-  std::string path(size, '\0');
-  if (_NSGetExecutablePath(path.data(), &size) != 0) return {};
-  return path.c_str();
-}
-#else
-std::string GetExecutablePath() {
-  // readlink does not tell how long a link is, only that it filled the buffer.
-  for (std::size_t size = 256; size <= (1U << 20); size *= 2) {
-    std::string path(size, '\0');
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    if (length < 0) return {};
-    if (static_cast<std::size_t>(length) < path.size()) return path.substr(0, static_cast<std::size_t>(length));
-  }
-  return {};
-}
-#endif
 
 std::string GetExecutableDirectory() {
   const std::string path = GetExecutablePath();

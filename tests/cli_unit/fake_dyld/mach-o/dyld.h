@@ -1,0 +1,5 @@
+#pragma once
+// A fake of the one function of the platform's header that we use; the test gives it a body.
+#include <cstdint>
+
+extern "C" int _NSGetExecutablePath(char* buffer, std::uint32_t* size);
