@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <iostream>
+#include <stdexcept>
+#include <vector>
 
 namespace ulmora::cli {
 namespace {

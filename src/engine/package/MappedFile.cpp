@@ -3,6 +3,7 @@
 #include "engine/package/Text.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

@@ -4,6 +4,7 @@
 #include "engine/Error.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <span>
 

@@ -11,6 +11,7 @@
 #include <array>
 #include <bit>
 #include <string>
+#include <type_traits>
 
 namespace ulmora::engine::program {
 namespace {

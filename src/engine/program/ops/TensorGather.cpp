@@ -6,6 +6,7 @@
 #include "engine/program/ops/Parameters.h"
 #include "engine/program/ops/Take.h"
 
+#include <algorithm>
 #include <string>
 
 namespace ulmora::engine::program {

@@ -3,6 +3,7 @@
 #include "engine/program/OpRegistry.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <utility>
 

@@ -1,5 +1,6 @@
 #include "tests/engine/program/passes/PassTesting.h"
 
+#include <limits>
 #include <numbers>
 
 namespace ulmora::engine::program {
