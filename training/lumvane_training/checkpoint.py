@@ -7,6 +7,7 @@ from pathlib import Path
 
 import torch
 
+from . import shipped
 from .network import Denoiser
 
 
@@ -28,3 +29,13 @@ def averaged_network(path: Path) -> tuple[Denoiser, dict]:
     network = Denoiser(tuple(state["widths"]), state["blocks"])
     network.load_state_dict(state["average"])
     return network.eval(), state
+
+
+def starting_point(path: Path, network: Denoiser) -> tuple[dict, float]:
+    """The averaged weights of a checkpoint, or those of a package, and the megapixels that went into them."""
+    if path.suffix == ".mlpackage":
+        details = shipped.record(path)
+        return shipped.state_of(path, network), sum(
+            float(details.get(name, 0)) for name in ("training.megapixels", "training.megapixels_before"))
+    state = load(path)
+    return state["average"], state["megapixels"] + state.get("base_megapixels", 0.0)

@@ -43,8 +43,13 @@ class Config:
     scene_laws: SceneLaws
     start_from: Path | None = None
     weight_decay: float = 1e-4
-    clip_norm: float = 0.5
+    clip_ratio: float = 2.0
+    """Gradients are clipped at this multiple of their recent norm."""
+    precision: str = "float32"
+    """Of the network's trunk: float32 or bfloat16."""
     coverage: float = 1.0
+    fuse: bool = True
+    """Compile the loss to fused loops (needs a C++ compiler; takes a minute or two at the start)."""
     raw: dict = field(default_factory=dict)
 
 
@@ -53,6 +58,9 @@ def load(path: Path) -> Config:
     table = tomllib.loads(path.read_text())
     pool, run, network = table["pool"], table["run"], table["network"]
     start = run.get("start_from")
+    precision = run.get("precision", "float32")
+    if precision not in ("float32", "bfloat16"):
+        raise ValueError(f"{path}: precision is {precision}, not float32 or bfloat16")
     return Config(
         name=table["name"], version=table["version"], seed=table["seed"],
         widths=tuple(network["widths"]), blocks=network["blocks"],
@@ -60,6 +68,7 @@ def load(path: Path) -> Config:
         pool_counts=pool["counts"],
         minutes=run["minutes"], learning_rate=run["learning_rate"], warmup_steps=run["warmup_steps"],
         average_decay=run["average_decay"], phases=[Phase(**p) for p in run["phases"]], coverage=run.get("coverage", 1.0),
+        clip_ratio=run.get("clip_ratio", 2.0), precision=precision, fuse=run.get("fuse", True),
         start_from=TRAINING_ROOT / start if start else None,
         frame_laws=FrameLaws.from_table(table.get("frames", {})),
         scene_laws=SceneLaws.from_table(table.get("scenes", {})), raw=table)

@@ -21,38 +21,40 @@ def symmetry(image: Array, number: int) -> Array:
     return turned[..., ::-1] if number >= 4 else turned
 
 
-def crops(rng: np.random.Generator, noisy: Array, clean: Array, patch: int, count: int):
-    """`count` random crops [2, 3, patch, patch] (noisy, clean), each in a random symmetry."""
-    both = np.stack([noisy, clean])
-    height, width = both.shape[-2:]
+def crops(rng: np.random.Generator, planes: Array, patch: int, count: int):
+    """`count` random crops [k, 3, patch, patch] of planes [k, 3, h, w], each in a random symmetry."""
+    height, width = planes.shape[-2:]
     for _ in range(count):
         row, column = rng.integers(height - patch + 1), rng.integers(width - patch + 1)
-        crop = both[:, :, row:row + patch, column:column + patch]
+        crop = planes[:, :, row:row + patch, column:column + patch]
         yield np.ascontiguousarray(symmetry(crop, int(rng.integers(8))))
 
 
 def batches(seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, batch: int, coverage: float, buffer: int):
-    """Endless batches [batch, 2, 3, patch, patch] drawn from a buffer that mixes about `buffer` crops of many frames.
+    """Endless batches [batch, 4, 3, patch, patch] drawn from a buffer that mixes about `buffer` crops of many frames.
+
+    The four are the noisy and the clean frame and the noise's standard deviation after and before the stretch.
 
     `coverage` is the number of crop pixels taken per frame pixel before the frame is thrown away. Pools that appear on
-    disk later are picked up every few hundred frames.
+    disk later are picked up every few dozen frames.
     """
     rng = np.random.default_rng(seed)
     pools, store, visits = open_pools(paths), [], 0
     while True:
         while len(store) < buffer:
             visits += 1
-            if visits % 300 == 0:
+            if visits % 40 == 0:
                 pools = open_pools(paths)
             sizes = np.array([len(p) for p in pools], float)
             pool = pools[int(rng.choice(len(pools), p=sizes / sizes.sum()))]
             light = np.array(pool[int(rng.integers(len(pool)))])
             pair = make_pair(rng, light, laws)
-            if not (np.isfinite(pair.noisy).all() and np.isfinite(pair.clean).all()):
+            planes = np.stack([pair.noisy, pair.clean, pair.spread, pair.linear_spread])
+            if not np.isfinite(planes).all():
                 print(f"feeder {seed}: frame {visits} ({pair.mode}) is not finite, left out", flush=True)
                 continue
             count = max(1, int(coverage * light.shape[1] * light.shape[2] / patch**2))
-            store.extend(crops(rng, pair.noisy, pair.clean, patch, count))
+            store.extend(crops(rng, planes, patch, count))
         picked = rng.permutation(len(store))[:batch]
         yield np.stack([store[i] for i in picked])
         for i in sorted(picked, reverse=True):

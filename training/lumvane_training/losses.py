@@ -1,29 +1,54 @@
-"""The training loss: smooth absolute error, pooled errors that stand for flux, and the gradient of the error.
+"""The training loss: errors in units of the noise that each pixel really has, pixel by pixel and summed over boxes.
 
-No adversarial and no perceptual term: both invent structure. Squared error alone blurs, absolute error alone drops faint
-stars; the pooled terms punish a star or a nebula that comes out slightly dim over its whole area, the second of them in
-units that are closer to linear light.
+After a stretch the noise of a star's core is a small part of the sky's: plain absolute errors hardly see the core, and
+the star comes out too dim in linear light. So every error is divided by the pixel's own noise, and box sums of it are
+taken back to linear light, where they are errors of flux in standard deviations of the box's noise. Squares and not
+absolute values, because their optimum is the expected flux; that of absolute errors is the median, which for a faint
+star is no star at all. Beyond a few deviations the squares go over into straight lines, so that nothing rare rules.
+
+No adversarial and no perceptual term: both invent structure.
 """
 
 from __future__ import annotations
 
-import functools
+from typing import NamedTuple
 
 import torch
 from torch import Tensor
 from torch.nn import functional
 
+NOISE_FLOOR = 1.5e-3
+BOX_FLOOR = 7e-4
+"""Added in squares to the noise after the stretch, of a pixel and of a box's mean: errors far below do not matter."""
+PIXEL_LIMIT = 2.0
+PIXEL_GOAL = 0.005
+BOX_LIMIT = 4.0
+BOX_GOAL = 0.05
+"""Below its goal a patch's term counts for less and less."""
+BOX_WEIGHT = 1.0
+BOX_SHARES = {2: 0.14, 4: 0.22, 8: 0.28, 16: 0.18, 32: 0.18}
+OBJECT_GAIN = 12.0
+OBJECT_CONTRAST = 10.0
+ABSOLUTE_WEIGHT = 0.5
 SMOOTHING = 1e-3
-POOLS = (2, 4, 8)
-POOL_WEIGHT = 0.3
-GRADIENT_WEIGHT = 0.05
-BRIGHT_WEIGHT = 0.15
-BRIGHT_LIMIT = 8.0
-LATTICE_WEIGHT = 0.5
+SHIFT_WEIGHT = 4.0
+LATTICE_WEIGHT = 8.0
+GRAY_WEIGHT = 5.0
 BORDER = 8
 
 
-@functools.lru_cache(maxsize=8)
+class Batch(NamedTuple):
+    """A batch [n, 3, p, p] each, p a multiple of 32: the frames, and the noise's deviation after and before the stretch.
+
+    `linear_spread` is in units of the background's linear noise.
+    """
+
+    noisy: Tensor
+    clean: Tensor
+    spread: Tensor
+    linear_spread: Tensor
+
+
 def border_weight(patch: int, device: torch.device) -> Tensor:
     """[1, 1, patch, patch]: 0.1 at the border rising to 1 over 8 px; border outputs are blended away but not thrown away."""
     distance = torch.arange(patch, dtype=torch.float32, device=device)
@@ -33,51 +58,93 @@ def border_weight(patch: int, device: torch.device) -> Tensor:
     return weight[None, None]
 
 
-def patch_weights(noisy: Tensor, clean: Tensor) -> Tensor:
-    """[n, 1, 1, 1]: 1 / (rms noise + 0.004), mean 1; otherwise the loudest patches own the gradient."""
-    loudness = (noisy - clean).square().mean(dim=(1, 2, 3)).sqrt()
-    weight = 1.0 / (loudness + 0.004)
-    return (weight / weight.mean())[:, None, None, None]
+def patch_mean(values: Tensor) -> Tensor:
+    """[n]: mean over a patch."""
+    return values.mean(dim=(1, 2, 3))
 
 
-def brightness_gain(clean: Tensor) -> Tensor:
-    """About 1 at the sky, rising as 1 / (1 - y) towards saturation, at most BRIGHT_LIMIT.
+def gray_patches(noisy: Tensor) -> Tensor:
+    """[n, 1, 1, 1]: 1 for patches of three equal planes, else 0."""
+    return (noisy == noisy[:, :1]).all(dim=(1, 2, 3)).to(noisy.dtype)[:, None, None, None]
 
-    A stretch compresses bright light by about (1 - y): an error that looks small in a star's core there is a large one
-    in linear flux, and this undoes it.
+
+def _huber(z: Tensor, limit: float) -> Tensor:
+    return functional.huber_loss(z, torch.zeros_like(z), reduction="none", delta=limit)
+
+
+def _object_weight(clean: Tensor, spread: Tensor, size: int) -> Tensor:
+    """1 for boxes of sky, rising to 1 + OBJECT_GAIN for boxes that stand out from their surroundings.
+
+    The contrast is that of the clean frame in deviations of the box's noise, so that the weight of faint objects, where
+    it would favour false ones, stays near 1.
     """
-    return (0.8 / (1.05 - clean.clamp(0.0, 1.0))).clamp(max=BRIGHT_LIMIT)
+    side = clean.shape[-1]
+    if side % 2 or side < 4:
+        return torch.ones_like(clean)
+    around = functional.avg_pool2d(clean, 3, stride=1, padding=1, count_include_pad=False)
+    contrast = (clean - around).abs() * size / spread
+    return 1.0 + OBJECT_GAIN * (contrast / OBJECT_CONTRAST).clamp(max=1.0).square()
 
 
-def _pools(error: Tensor, weight: Tensor) -> Tensor:
-    """Sum over scales of the weighted mean of |pooled error|."""
-    total = error.new_zeros(())
-    for _ in POOLS:
-        error, weight = functional.avg_pool2d(error, 2), functional.avg_pool2d(weight, 2)
-        total = total + (weight * error.abs()).mean()
+def _halved(image: Tensor) -> Tensor:
+    """Means over 2 x 2 pixels."""
+    n, c, h, w = image.shape
+    return image.view(n, c, h // 2, 2, w // 2, 2).mean(dim=(3, 5))
+
+
+def _boxes(scaled: Tensor, batch: Batch, noise: Tensor, border: Tensor, gray: Tensor) -> Tensor:
+    """[n]: mean over box sizes of the Huber loss of flux errors, per channel and summed over the channels."""
+    flux, variance = scaled * batch.linear_spread, batch.linear_spread.square()
+    tolerance = variance * (BOX_FLOOR / noise).square()
+    # Equal planes carry equal noise: their sum's deviation is three planes', not the square root of three.
+    share = torch.where(gray > 0, 3.0, 1.0)
+    clean, total = batch.clean, scaled.new_zeros(len(scaled))
+    for size, part in BOX_SHARES.items():
+        flux, border = _halved(flux), _halved(border)
+        with torch.no_grad():
+            variance, tolerance, clean, noise = (_halved(t) for t in (variance, tolerance, clean, noise))
+            allowed = variance / size**2 + tolerance
+            important = border * _object_weight(clean, noise, size)
+            scale = allowed.rsqrt()
+            joint_scale = (share * allowed.sum(dim=1, keepdim=True)).rsqrt()
+        total = total + 0.5 * part * patch_mean(important * _huber(flux * scale, BOX_LIMIT))
+        joint = flux.sum(dim=1, keepdim=True) * joint_scale
+        total = total + 0.5 * part * patch_mean(important.mean(dim=1, keepdim=True) * _huber(joint, BOX_LIMIT))
     return total
 
 
 def _lattice(error: Tensor) -> Tensor:
-    """[n, 1, 1, 1]: how far the mean errors on the four phases of the 2 px lattice lie apart.
+    """[n]: how far the mean errors on the four phases of the 2 px lattice lie apart.
 
     The trunk works at half resolution, so that each phase has output weights of its own, and a pattern as faint as a
     hundredth of the noise shows on a smooth sky.
     """
     phases = functional.pixel_unshuffle(error, 2).unflatten(1, (-1, 4)).mean(dim=(-2, -1))
-    return (phases - phases.mean(dim=2, keepdim=True)).abs().mean(dim=(1, 2))[:, None, None, None]
+    return (phases - phases.mean(dim=2, keepdim=True)).abs().mean(dim=(1, 2))
 
 
-def denoising_loss(output: Tensor, noisy: Tensor, clean: Tensor) -> Tensor:
-    """The weighted loss of a batch [n, 3, p, p], p a multiple of 8."""
-    error = output - clean
-    weight = patch_weights(noisy, clean) * border_weight(error.shape[-1], error.device)
-    loss = (weight * torch.sqrt(error.square() + SMOOTHING**2)).mean()
-    loss = loss + POOL_WEIGHT * _pools(error, weight)
-    loss = loss + BRIGHT_WEIGHT * _pools(error * brightness_gain(clean), weight)
-    loss = loss + LATTICE_WEIGHT * (patch_weights(noisy, clean) * _lattice(error)).mean()
-    for axis in (-2, -1):
-        slope = torch.diff(error, dim=axis)
-        part = weight[..., 1:, :] if axis == -2 else weight[..., 1:]
-        loss = loss + 0.5 * GRADIENT_WEIGHT * (part * slope.abs()).mean()
-    return loss
+def loss_terms(output: Tensor, batch: Batch) -> dict[str, Tensor]:
+    """The weighted terms of the loss by name; their sum is the loss.
+
+    Pixel, box and absolute errors are averaged over a patch before their logarithm is averaged over the batch: a patch
+    counts by how much better it gets in relation, as it does in decibels, however loud or difficult it is.
+    """
+    output, batch = output.contiguous(), Batch(*(t.contiguous() for t in batch))
+    error = output - batch.clean
+    border = border_weight(error.shape[-1], error.device)
+    noise = (batch.spread.square() + NOISE_FLOOR**2).sqrt()
+    scaled = error / noise
+    gray = gray_patches(batch.noisy)
+    pixel = patch_mean(border * _huber(scaled, PIXEL_LIMIT))
+    absolute = patch_mean(border * torch.sqrt(error.square() + SMOOTHING**2))
+    boxes = _boxes(scaled, batch, noise, border, gray)
+    apart = (output - output.mean(dim=1, keepdim=True)).abs() / noise
+    return {
+        "pixel": torch.log(pixel + PIXEL_GOAL).mean(),
+        "boxes": BOX_WEIGHT * torch.log(boxes + BOX_GOAL).mean(),
+        "absolute": ABSOLUTE_WEIGHT * torch.log(absolute + SMOOTHING).mean(),
+        # Clamped, because the mean shift is a matter of the sky and not of a few cores.
+        "shift": SHIFT_WEIGHT * scaled.clamp(-1.0, 1.0).mean(dim=(2, 3)).abs().mean(),
+        "lattice": LATTICE_WEIGHT * (_lattice(error) / patch_mean(noise)).mean(),
+        "gray": GRAY_WEIGHT * (gray * apart).mean(),
+    }

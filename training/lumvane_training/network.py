@@ -53,8 +53,8 @@ class Denoiser(nn.Module):
                 module.second.weight.data.mul_(0.2)
         self.tail.weight.data.mul_(0.05)
 
-    def forward(self, image: Tensor) -> Tensor:
-        x = self.head(image)
+    def trunk(self, x: Tensor) -> Tensor:
+        """Everything between the first layer and the residual addition: [n, w0, h/2, w/2] -> [n, 12, h/2, w/2]."""
         skips = []
         for encoder, down in zip(self.encoders, self.downs):
             x = encoder(x)
@@ -63,7 +63,22 @@ class Denoiser(nn.Module):
         x = self.middle(x)
         for up, decoder, skip in zip(reversed(self.ups), reversed(self.decoders), reversed(skips)):
             x = decoder(up(x) + skip)
-        return image + functional.pixel_shuffle(self.tail(x), 2)
+        return self.tail(x)
+
+    def forward(self, image: Tensor) -> Tensor:
+        return image + functional.pixel_shuffle(self.trunk(self.head(image)), 2)
+
+
+def forward_in_bfloat16(network: Denoiser, image: Tensor) -> Tensor:
+    """The network with its trunk in bfloat16, the first layer and the residual addition in float32.
+
+    Rounding the image itself to eight bits of mantissa would cost several per cent of the removed noise; rounding what
+    the first layer makes of it costs less than one.
+    """
+    features = network.head(image).to(torch.bfloat16)
+    with torch.autocast(image.device.type, torch.bfloat16):
+        residual = network.trunk(features)
+    return image + functional.pixel_shuffle(residual.float(), 2)
 
 
 def parameter_count(network: nn.Module) -> int:

@@ -163,14 +163,21 @@ def _residue(rng: np.random.Generator, clean: Array, sigma: Array, recipe: Noise
     return total
 
 
-def add_noise(rng: np.random.Generator, clean: Array, level: Array, sigma: Array, recipe: NoiseRecipe) -> Array:
-    """The clean frame [c, h, w] with noise of standard deviation sigma[c] at signal level[c]; not clipped.
+def spread(clean: Array, level: Array, sigma: Array, photon_share: float) -> Array:
+    """Standard deviation of the noise of every pixel of [c, h, w]: sqrt(v0 + v1 x), sigma[c] at signal level[c].
 
     v1 = share sigma^2 / level and v0 = (1 - share) sigma^2, so that v0 + v1 level = sigma^2.
     """
+    variance = np.square(np.asarray(sigma, np.float32))[:, None, None]
+    level = np.maximum(np.asarray(level, np.float32), 1e-9)[:, None, None]
+    return np.sqrt((1.0 - photon_share) * variance + photon_share * variance / level * np.maximum(clean, 0.0))
+
+
+def add_noise(rng: np.random.Generator, clean: Array, level: Array, sigma: Array, recipe: NoiseRecipe) -> Array:
+    """The clean frame [c, h, w] with noise of standard deviation sigma[c] at signal level[c]; not clipped."""
+    deviation = spread(clean, level, sigma, recipe.photon_share)
     sigma = np.asarray(sigma, np.float32)[:, None, None]
     level = np.maximum(np.asarray(level, np.float32), 1e-9)[:, None, None]
     photon = recipe.photon_share * sigma**2 / level
-    spread = np.sqrt((1.0 - recipe.photon_share) * sigma**2 + photon * np.maximum(clean, 0.0))
     field = correlated(_deviates(rng, clean, photon, recipe.true_poisson), recipe)
-    return (clean + spread * field + _residue(rng, clean, sigma, recipe)).astype(np.float32)
+    return (clean + deviation * field + _residue(rng, clean, sigma, recipe)).astype(np.float32)

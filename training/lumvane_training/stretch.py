@@ -63,6 +63,13 @@ def saturation(image: Array, amount: float) -> Array:
     return grey + amount * (image - grey)
 
 
+def saturated_spread(spread: Array, amount: float) -> Array:
+    """Standard deviations of independent channels [3, h, w] after `saturation` by `amount`."""
+    own, other = (1.0 + 2.0 * amount) / 3.0, (1.0 - amount) / 3.0
+    variance = spread**2
+    return np.sqrt((own**2 - other**2) * variance + other**2 * variance.sum(axis=0, keepdims=True))
+
+
 def s_curve(image: Array, amount: float) -> Array:
     """Contrast curve y - a sin(2 pi y) / (2 pi), monotonic for |a| <= 1; fixes 0, 1/2 and 1."""
     return image - amount * np.sin(2.0 * np.pi * image) / (2.0 * np.pi)

@@ -81,6 +81,45 @@ def test_symmetries_are_eight_different_ones():
 def test_crops_are_aligned():
     rng = np.random.default_rng(2)
     image = rng.random((3, 64, 64), dtype=np.float32)
-    for crop in feeder.crops(rng, image, image + 1, 16, 5):
-        assert crop.shape == (2, 3, 16, 16)
-        assert np.allclose(crop[1] - crop[0], 1)
+    for crop in feeder.crops(rng, np.stack([image, image + 1, image + 2]), 16, 5):
+        assert crop.shape == (3, 3, 16, 16)
+        assert np.allclose(crop[1] - crop[0], 1) and np.allclose(crop[2] - crop[0], 2)
+
+
+@pytest.mark.parametrize("mode", frames.MODES)
+def test_spread_is_the_noise_that_the_frame_has(light, mode):
+    """Measured in deviations of its own spread, the middle of the noise has about unit width in every mode."""
+    laws = frames.FrameLaws(perfect_share=0.0, blank_share=0.0, zero_channel_share=0.0)
+    widths = []
+    for seed in range(10):
+        pair = frames.make_pair(np.random.default_rng(seed), light, laws, wanted=0.03, mode=mode, mono=False)
+        ratio = (pair.noisy - pair.clean) / np.maximum(pair.spread, 1e-4)
+        widths.append(0.5 * (np.percentile(ratio, 84.1) - np.percentile(ratio, 15.9)))
+        assert pair.spread.shape == pair.linear_spread.shape == pair.noisy.shape
+    assert np.median(widths) == pytest.approx(1.0, abs=0.12)
+
+
+def test_linear_spread_is_one_at_the_background(light):
+    pair = frames.make_pair(np.random.default_rng(5), light, mode="linear", mono=False)
+    for plane, spread in zip(pair.linear_clean, pair.linear_spread):
+        sky = np.abs(plane / np.median(plane) - 1) < 0.01
+        assert np.median(spread[sky]) == pytest.approx(1.0, abs=0.02)
+
+
+def test_symmetric_frames_have_no_skew():
+    """The point of that mode: mean and median of a sky's noise agree, which no stretch of noise leaves."""
+    dark = np.zeros((3, 256, 256), np.float32)
+    laws = frames.FrameLaws(perfect_share=0.0, zero_channel_share=0.0)
+    shifts = {"symmetric": [], "linear": []}
+    for mode, values in shifts.items():
+        for seed in range(12):
+            pair = frames.make_pair(np.random.default_rng(seed), dark, laws, wanted=0.06, mode=mode, mono=True)
+            values.append(float((pair.noisy - pair.clean).mean() / pair.spread.mean()))
+    assert abs(np.mean(shifts["symmetric"])) < 0.015
+    assert np.mean(shifts["linear"]) < -0.05
+
+
+def test_perfect_frames_carry_no_noise(light):
+    laws = frames.FrameLaws(perfect_share=1.0, zero_channel_share=0.0)
+    pair = frames.make_pair(np.random.default_rng(1), light, laws, mode="linear")
+    assert np.abs(pair.noisy - pair.clean).max() <= 0.5 / 255 + 1e-6 and pair.spread.max() == 0

@@ -1,5 +1,7 @@
 """Network and loss; skipped where torch is absent."""
 
+import math
+
 import pytest
 
 torch = pytest.importorskip("torch")
@@ -41,24 +43,78 @@ def test_context_ends_at_the_receptive_field(small):
     assert torch.equal(small(image)[:, :, 200:], small(changed)[:, :, 200:])
 
 
+@torch.no_grad()
+def test_bfloat16_trunk_is_close(small):
+    image = torch.rand(2, 3, 64, 64)
+    exact, rounded = small(image), network.forward_in_bfloat16(small, image)
+    assert rounded.dtype == torch.float32
+    assert 0 < (rounded - exact).square().mean() < 0.02**2 * (exact - image).square().mean()
+
+
+def batch_of(clean, noise, sigma):
+    full = torch.full_like(clean, sigma)
+    return losses.Batch(clean + noise, clean, full, torch.ones_like(clean))
+
+
+def loss(output, batch):
+    return sum(losses.loss_terms(output, batch).values()).item()
+
+
 def test_loss_is_smallest_at_the_truth():
     clean = torch.rand(4, 3, 32, 32)
-    noisy = clean + 0.05 * torch.randn_like(clean)
-    at_truth, at_input = losses.denoising_loss(clean, noisy, clean), losses.denoising_loss(noisy, noisy, clean)
-    assert at_truth < 0.1 * at_input
-    # The smoothing floor, lowered by the border weights.
-    assert 0.3 * losses.SMOOTHING < at_truth < losses.SMOOTHING
+    batch = batch_of(clean, 0.05 * torch.randn_like(clean), 0.05)
+    at_truth = losses.loss_terms(clean, batch)
+    assert at_truth["pixel"].item() == pytest.approx(math.log(losses.PIXEL_GOAL), rel=1e-4)
+    assert at_truth["boxes"].item() == pytest.approx(losses.BOX_WEIGHT * math.log(losses.BOX_GOAL), rel=1e-4)
+    assert loss(clean, batch) < loss(clean + 0.2 * (batch.noisy - clean), batch) - 1 < loss(batch.noisy, batch) - 3
+
+
+def test_a_box_error_counts_in_deviations_of_the_box():
+    """A shift of a tenth of the noise is 0.4 deviations of a 4 px box and 3.2 of a 32 px box."""
+    clean = torch.full((2, 3, 64, 64), 0.3)
+    batch = batch_of(clean, 0.1 * torch.randn_like(clean), 0.1)
+    noise = (batch.spread.square() + losses.NOISE_FLOOR**2).sqrt()
+    border = torch.ones(1, 1, 64, 64)
+    got = losses._boxes(0.01 / noise, batch, noise, border, losses.gray_patches(batch.noisy))
+    expected = 0.0
+    for size, share in losses.BOX_SHARES.items():
+        for channels in (1, 3):
+            deviation = math.hypot(1 / size, losses.BOX_FLOOR / 0.1)
+            z = 0.1 * channels**0.5 / deviation
+            limit = losses.BOX_LIMIT
+            expected += 0.5 * share * (z * z / 2 if z < limit else limit * (z - limit / 2))
+    assert got.tolist() == pytest.approx([expected] * 2, rel=0.01)
+
+
+def test_the_same_error_weighs_more_where_the_stretch_is_flat():
+    """In a star's core, where the noise after the stretch is small and the light behind it large."""
+    clean = torch.full((1, 3, 32, 32), 0.3)
+    sky = batch_of(clean, torch.zeros_like(clean), 0.05)
+    core = torch.zeros(1, 1, 32, 32)
+    core[..., 14:18, 14:18] = 1
+    star = sky._replace(spread=sky.spread * (1 - 0.9 * core), linear_spread=1 + 4 * core.expand_as(clean))
+    border, results = torch.ones(1, 1, 32, 32), []
+    for batch in (sky, star):
+        noise = (batch.spread.square() + losses.NOISE_FLOOR**2).sqrt()
+        results.append(losses._boxes(-0.004 * core / noise, batch, noise, border, losses.gray_patches(clean)).item())
+    assert results[1] > 20 * results[0] > 0
+
+
+def test_gray_term_sees_planes_apart_in_gray_patches_only():
+    plane = torch.rand(2, 1, 32, 32)
+    clean = plane.repeat(1, 3, 1, 1)
+    noise = 0.05 * torch.randn(2, 1, 32, 32).repeat(1, 3, 1, 1)
+    batch = batch_of(clean, noise, 0.05)
+    tint = torch.tensor([0.01, 0.0, -0.01])[:, None, None]
+    assert losses.loss_terms(clean, batch)["gray"] < 1e-5
+    assert losses.loss_terms(clean + tint, batch)["gray"] == pytest.approx(losses.GRAY_WEIGHT * 0.02 / 3 / 0.05, rel=0.01)
+    colour = batch._replace(noisy=batch.noisy + 0.001 * torch.rand_like(clean))
+    assert losses.loss_terms(clean + tint, colour)["gray"] == 0
 
 
 def test_border_weights():
     weight = losses.border_weight(32, torch.device("cpu"))[0, 0]
     assert weight[0, 16] == pytest.approx(0.1) and weight[16, 16] == 1 and weight.min() == pytest.approx(0.1)
-
-
-def test_patch_weights_have_mean_one():
-    clean = torch.rand(8, 3, 32, 32)
-    weight = losses.patch_weights(clean + torch.linspace(0.001, 0.2, 8)[:, None, None, None], clean)
-    assert weight.mean() == pytest.approx(1.0, abs=1e-5) and weight[0] > weight[-1]
 
 
 def test_lattice_term_sees_a_checkerboard_and_no_slope():

@@ -8,7 +8,7 @@ import pytest
 torch = pytest.importorskip("torch")
 pytest.importorskip("coremltools")
 
-from lumvane_training import network, package  # noqa: E402
+from lumvane_training import checkpoint, network, package, shipped  # noqa: E402
 
 ALLOWED = {"cast", "conv", "conv_transpose", "relu", "add", "concat", "pixel_shuffle", "upsample_nearest_neighbor"}
 
@@ -53,3 +53,20 @@ def test_the_image_is_never_rounded_in_the_last_sum(two_exports):
     assert last.type == "add"
     assert {binding.name for argument in last.inputs.values() for binding in argument.arguments} & {package.INPUT}
     assert [o.name for o in last.outputs] == [package.OUTPUT]
+
+
+def test_weights_come_back_from_a_package(tmp_path):
+    torch.manual_seed(4)
+    net = network.Denoiser((16, 32))
+    model = package.convert(net, tile=64)
+    package.describe(model, "9.0", "A test.", {"network.widths": "16 32", "network.blocks": "1", "training.megapixels": "7",
+                                               "training.megapixels_before": "5"})
+    package.write(model, tmp_path / "net.mlpackage")
+    back, details = shipped.network_of(tmp_path / "net.mlpackage")
+    assert details["training.megapixels"] == "7"
+    for name, value in net.state_dict().items():
+        assert torch.equal(back.state_dict()[name], value.half().float()), name
+    weights, megapixels = checkpoint.starting_point(tmp_path / "net.mlpackage", network.Denoiser((16, 32)))
+    assert megapixels == 12 and set(weights) == set(net.state_dict())
+    with pytest.raises(ValueError):
+        shipped.state_of(tmp_path / "net.mlpackage", network.Denoiser((16, 64)))
