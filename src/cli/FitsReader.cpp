@@ -4,6 +4,7 @@
 #include "cli/FitsHeaderCards.h"
 #include "cli/FitsReport.h"
 #include "cli/FitsSamples.h"
+#include "cli/FitsTileSizes.h"
 #include "cli/FitsTiles.h"
 
 #include <algorithm>
@@ -34,6 +35,7 @@ std::uint64_t CountUndefined(const PhysicalSamples& samples, const InputRange& r
 /// cube has three channels is not asked here.
 void MoveToFirstImageHdu(fitsfile* file, const std::string& path, int& status) {
   int count = 0;
+  status = CheckTileSizes(file, path);
   fits_get_num_hdus(file, &count, &status);
   CheckFits(status, "Inspecting HDUs", path);
   for (int number = 1; number <= count; ++number) {

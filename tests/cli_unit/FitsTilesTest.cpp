@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <vector>
+#include <zlib.h>
 
 namespace ulmora::cli {
 namespace {
@@ -87,6 +88,28 @@ class FitsTiles : public testing::Test {
     file.write(filling.data(), static_cast<std::streamsize>(filling.size()));
   }
 
+  /// Replaces the value of a card.
+  void Set(const std::string& keyword, const std::string& value) {
+    std::fstream file(path_, std::ios::binary | std::ios::in | std::ios::out);
+    const std::string all{std::istreambuf_iterator<char>(file), {}};
+    const std::string name = (keyword + std::string(8, ' ')).substr(0, 8) + "= ";
+    const std::size_t start = all.find(name);
+    ASSERT_NE(start, std::string::npos);
+    const std::string card = (name + value + std::string(80, ' ')).substr(0, 80);
+    file.seekp(static_cast<std::streamoff>(start));
+    file.write(card.data(), static_cast<std::streamsize>(card.size()));
+  }
+
+  /// The same file, deflated.
+  void Deflate() {
+    std::ifstream file(path_, std::ios::binary);
+    const std::string all{std::istreambuf_iterator<char>(file), {}};
+    path_ += ".gz";
+    gzFile deflated = gzopen(path_.c_str(), "wb");
+    gzwrite(deflated, all.data(), static_cast<unsigned>(all.size()));
+    gzclose(deflated);
+  }
+
   std::vector<double> Read() {
     std::ostringstream spoken;
     return ReadFitsImageWithMetadata(path_, true, {false, false, &spoken}).metadata.physicalSamples;
@@ -122,6 +145,28 @@ class FitsTiles : public testing::Test {
   std::string path_ = folder_.Path("tiles.fits");
   std::vector<double> samples_;
 };
+
+/// The library divides by these sizes as soon as it meets the HDU.
+TEST_F(FitsTiles, TilesOfNoPixelsAreRefused) {
+  for (const std::string value : {"0", "-1", "0.5", "1D-3", "'0'", "-9223372036854775808"}) {
+    Write(RICE_1, SHORT_IMG, 40);
+    Set("ZTILE2", value);
+    EXPECT_EQ(Failure(), "Inspecting HDUs failed for FITS image " + path_ + ": error uncompressing image") << value;
+  }
+}
+
+TEST_F(FitsTiles, TilesOfNoPixelsAreRefusedInADeflatedFile) {
+  Write(RICE_1, SHORT_IMG, 40);
+  Set("ZTILE1", "0");
+  Deflate();
+  EXPECT_EQ(Failure(), "Inspecting HDUs failed for FITS image " + path_ + ": error uncompressing image");
+}
+
+TEST_F(FitsTiles, ADeflatedFileReadsAsItWasWritten) {
+  Write(RICE_1, SHORT_IMG, 40);
+  Deflate();
+  EXPECT_EQ(Read(), samples_);
+}
 
 TEST_F(FitsTiles, EveryCodingReadsAsItWasWritten) {
   for (const int coding : {RICE_1, GZIP_1, GZIP_2, PLIO_1, HCOMPRESS_1}) {

@@ -1,0 +1,84 @@
+#include "cli/FitsTileSizes.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <zlib.h>
+
+namespace ulmora::cli {
+namespace {
+
+constexpr std::size_t kCardBytes = 80;
+constexpr std::size_t kBlockBytes = 2880;
+
+/// The bytes of a FITS file as the library sees them: inflated if they are deflated.
+class FitsBytes {
+ public:
+  explicit FitsBytes(const std::string& path) : file_(gzopen(path.c_str(), "rb"), &gzclose) {}
+
+  [[nodiscard]] bool MoveTo(LONGLONG offset) {
+    return file_ != nullptr && gzseek(file_.get(), static_cast<z_off_t>(offset), SEEK_SET) == offset;
+  }
+  [[nodiscard]] bool Read(std::array<char, kBlockBytes>& block) {
+    return gzread(file_.get(), block.data(), static_cast<unsigned>(block.size())) == static_cast<int>(block.size());
+  }
+
+ private:
+  std::unique_ptr<gzFile_s, int (*)(gzFile)> file_;
+};
+
+/// Whether the card gives one of a tile's sizes a value below 1, as a number or as a text that holds one. A value that
+/// is no number at all is left to the library, which refuses it.
+bool ClaimsNoPixels(std::string_view card) {
+  std::string text(card);
+  std::array<char, FLEN_VALUE> value{};
+  std::array<char, FLEN_COMMENT> comment{};
+  int status = 0;
+  if (fits_parse_value(text.data(), value.data(), comment.data(), &status) != 0) {
+    fits_clear_errmsg();
+    return false;
+  }
+  std::string number(value.data());
+  std::erase(number, '\'');
+  std::ranges::replace(number, 'D', 'E');
+  char* end = nullptr;
+  const double size = std::strtod(number.c_str(), &end);
+  return end != number.c_str() && !(size >= 1.0);
+}
+
+/// Reads the header from here to its end.
+bool HeaderClaimsNoPixels(FitsBytes& bytes) {
+  bool isCompressed = false;
+  bool isEmpty = false;
+  std::array<char, kBlockBytes> block{};
+  while (bytes.Read(block)) {
+    for (std::size_t start = 0; start < kBlockBytes; start += kCardBytes) {
+      const std::string_view card(block.data() + start, kCardBytes);
+      isCompressed = isCompressed || card.starts_with("ZIMAGE");
+      isEmpty = isEmpty || (card.starts_with("ZTILE") && ClaimsNoPixels(card));
+      const bool isEnd = card.starts_with("END") && card.find_first_not_of(' ', 3) == std::string_view::npos;
+      if (isEnd) return isCompressed && isEmpty;
+    }
+  }
+  return isCompressed && isEmpty;
+}
+
+}  // namespace
+
+int CheckTileSizes(fitsfile* file, const std::string& path) {
+  FitsBytes bytes(path);
+  int status = 0;
+  while (status == 0) {
+    LONGLONG next = 0;
+    fits_get_hduaddrll(file, nullptr, nullptr, &next, &status);
+    if (status != 0 || !bytes.MoveTo(next)) break;
+    if (HeaderClaimsNoPixels(bytes)) return DATA_DECOMPRESSION_ERR;
+    fits_movrel_hdu(file, 1, nullptr, &status);
+  }
+  fits_clear_errmsg();
+  return 0;
+}
+
+}  // namespace ulmora::cli
