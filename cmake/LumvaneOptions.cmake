@@ -34,3 +34,10 @@ if(LUMVANE_SANITIZE)
                                                    -fno-omit-frame-pointer)
   target_link_options(lumvane_options INTERFACE -fsanitize=${LUMVANE_SANITIZE})
 endif()
+
+# asserts_name(<sources>): files whose failing assertions name them, for people to read. A compiler cache may have turned
+# their paths into ones relative to the build folder, and the name shall read "src/..." then, too.
+function(asserts_name)
+  file(RELATIVE_PATH sources ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR}/src)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -fmacro-prefix-map=${sources}/=src/)
+endfunction()
