@@ -143,6 +143,12 @@ TEST(TensorSweep, Joins) {
   });
 }
 
+TEST(TensorSweep, ConcatOfScalars) {
+  OpCase c{"concat", {}, {{"axis", Tensor::Int(0)}, {"interleave", Tensor::Bool(false)}}};
+  c.running["values"] = {Tensor::Float(1.0F), Tensor::Float(-2.0F), Tensor::Float(0.5F)};
+  ExpectSame(c);
+}
+
 TEST(TensorSweep, Splits) {
   ForSeeds([](Random& random) {
     Shape shape = RandomImage(random);

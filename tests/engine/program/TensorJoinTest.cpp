@@ -24,6 +24,19 @@ TEST(TensorJoin, ConcatAlongAnyAxis) {
   EXPECT_THAT(BoolsOf(EvaluateOne("concat", {{"values", flags}, {"axis", 0}})), ElementsAre(true, false));
 }
 
+TEST(TensorJoin, ConcatOfScalarsIsAVector) {
+  const Tensors sizes = {Tensor::Int(1), Tensor::Int(3), Tensor::Int(40)};
+  const Tensor shape = EvaluateOne("concat", {{"values", sizes}, {"axis", 0}});
+  EXPECT_EQ(shape.shape(), (Shape{3}));
+  EXPECT_THAT(IntsOf(shape), ElementsAre(1, 3, 40));
+  const Tensors turns = {Tensor::Float(2.0F), Tensor::Float(5.0F)};
+  EXPECT_THAT(FloatsOf(EvaluateOne("concat", {{"values", turns}, {"axis", -1}, {"interleave", true}})),
+              ElementsAre(2, 5));
+  const Tensors mixed = {Tensor::Int(1), Tensor::IntVector({1})};
+  EXPECT_EQ(RefusalOf("concat", {{"values", mixed}, {"axis", 0}}),
+            "concat 'op': values[1] has shape [1], but values[0] has shape []; only axis 0 may differ");
+}
+
 TEST(TensorJoin, InterleavedConcatTakesTurns) {
   const Tensors values = {Ramp({1, 2, 2}), Ramp({1, 2, 2}, 10.0F)};
   const Tensor result = EvaluateOne("concat", {{"values", values}, {"axis", 1}, {"interleave", true}});

@@ -2,6 +2,7 @@
 
 #include "engine/cpu/lower/Families.h"
 #include "engine/cpu/lower/Move.h"
+#include "engine/program/ops/JoinParts.h"
 
 #include <algorithm>
 #include <memory>
@@ -85,14 +86,14 @@ std::vector<Form> JoinForms(const LowerCall& call, const std::vector<Joined>& pa
 }
 
 std::vector<Form> LowerConcat(const LowerCall& call) {
-  const auto axis = static_cast<std::size_t>(call.call.Axis(call.call.Int("axis"), call.call.ShapeOf("values").size()));
+  const std::size_t axis = program::ConcatAxis(call.call);
   const bool interleave = call.call.Bool("interleave");
   const auto count = static_cast<std::int64_t>(call.call.Count("values"));
   std::vector<Joined> parts;
   std::int64_t first = 0;
   for (std::int64_t i = 0; i < count; ++i) {
     const program::ValueId value = call.Operand("values", static_cast<std::size_t>(i));
-    const Shape& shape = call.ShapeOf(value);
+    const Shape shape = program::PartShape(call.call, static_cast<std::size_t>(i));
     parts.push_back({value, shape, interleave ? i : first, interleave ? count : 1});
     first += shape[axis];
   }

@@ -4,6 +4,7 @@
 #include "engine/program/ShapeMath.h"
 #include "engine/program/ops/Checks.h"
 #include "engine/program/ops/Families.h"
+#include "engine/program/ops/JoinParts.h"
 #include "engine/program/ops/Parameters.h"
 #include "engine/program/ops/Take.h"
 
@@ -32,18 +33,19 @@ void RequireOneKind(const OpCall& call) {
 
 std::vector<TensorType> InferConcat(const OpCall& call) {
   RequireOneKind(call);
-  TensorType type = call.Type("values", 0);
-  const auto axis = static_cast<std::size_t>(call.Axis(call.Int("axis"), type.shape.size()));
+  TensorType type = {call.Type("values", 0).element, PartShape(call, 0)};
+  const std::size_t axis = ConcatAxis(call);
   const bool interleave = call.Bool("interleave");
   std::int64_t total = 0;
   for (std::size_t i = 0; i < call.Count("values"); ++i) {
-    Shape shape = call.ShapeOf("values", i);
-    const bool sameRank = shape.size() == type.shape.size();
+    Shape shape = PartShape(call, i);
+    const bool sameRank = call.ShapeOf("values", i).size() == call.ShapeOf("values", 0).size();
     const std::int64_t size = sameRank ? shape[axis] : 0;
     if (sameRank && !interleave) shape[axis] = type.shape[axis];
-    if (shape != type.shape) {
+    if (!sameRank || shape != type.shape) {
       call.Fail(Numbered(i) + " has shape " + ToString(call.ShapeOf("values", i)) + ", but values[0] has shape " +
-                ToString(type.shape) + (interleave ? "; interleaved, all must be equal" : "; only axis ") +
+                ToString(call.ShapeOf("values", 0)) +
+                (interleave ? "; interleaved, all must be equal" : "; only axis ") +
                 (interleave ? "" : std::to_string(axis) + " may differ"));
     }
     total += size;
@@ -105,14 +107,14 @@ std::int64_t CountOf(const Shape& shape, std::size_t begin, std::size_t end) {
 
 std::vector<Tensor> EvaluateConcat(const OpCall& call) {
   const TensorType type = InferConcat(call).front();
-  const auto axis = static_cast<std::size_t>(call.Axis(call.Int("axis"), type.shape.size()));
+  const std::size_t axis = ConcatAxis(call);
   const bool interleave = call.Bool("interleave");
   Layout layout;
   layout.outer = CountOf(type.shape, 0, axis);
-  if (interleave) layout.turns = call.ShapeOf("values", 0)[axis];
+  if (interleave) layout.turns = PartShape(call, 0)[axis];
   const std::int64_t inner = CountOf(type.shape, axis + 1, type.shape.size());
   for (std::size_t i = 0; i < call.Count("values"); ++i) {
-    layout.runs.push_back(interleave ? inner : call.ShapeOf("values", i)[axis] * inner);
+    layout.runs.push_back(interleave ? inner : PartShape(call, i)[axis] * inner);
   }
   return {LayParts(call, type, layout)};
 }
@@ -201,6 +203,15 @@ std::vector<Tensor> EvaluateTile(const OpCall& call) {
 }
 
 }  // namespace
+
+Shape PartShape(const OpCall& call, std::size_t index) {
+  const Shape& shape = call.ShapeOf("values", index);
+  return shape.empty() ? Shape{1} : shape;
+}
+
+std::size_t ConcatAxis(const OpCall& call) {
+  return static_cast<std::size_t>(call.Axis(call.Int("axis"), PartShape(call, 0).size()));
+}
 
 std::vector<OpDefinition> JoinOps() {
   return {{"concat",
