@@ -4,9 +4,13 @@
 from __future__ import annotations
 
 import argparse
+import sys
 from pathlib import Path
 
-from lumvane_training import checkpoint, config, package
+import numpy as np
+
+from lumvane_training import checkpoint, config, network as networks, package, tiles
+from lumvane_training.measures.program import Program, as_stored
 
 TEXTS = {
     1: "Removes noise from astronomical RGB images. Trained on rendered scenes only.",
@@ -26,11 +30,22 @@ def details(state: dict) -> dict[str, str]:
     }
 
 
+def disagreement(program: Program, network: networks.Denoiser) -> float:
+    """RMS difference of the built program and PyTorch on one tile, in shares of the removed noise."""
+    rng = np.random.default_rng(1)
+    image = as_stored(0.2 + 0.05 * rng.standard_normal((3, package.TILE, package.TILE)))
+    # The package holds the weights in float16; PyTorch's answer has to come from the same ones.
+    networks.round_to_half(network)
+    expected = tiles.run(network, image)
+    return float(np.sqrt(np.mean((program.tiff(image) - expected) ** 2) / np.mean((expected - image) ** 2)))
+
+
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("checkpoint", type=Path)
     parser.add_argument("--package-version", type=int, choices=(1, 2), help="default: the checkpoint's own")
     parser.add_argument("--models", type=Path, default=config.TRAINING_ROOT.parent / "models")
+    parser.add_argument("--lumvane", type=Path, help="built program that has to agree with PyTorch within a hundredth")
     options = parser.parse_args()
     network, state = checkpoint.averaged_network(options.checkpoint)
     version = options.package_version or state["version"]
@@ -40,6 +55,11 @@ def main() -> None:
     target.parent.mkdir(parents=True, exist_ok=True)
     package.write(model, target)
     print(target, package.operations(target))
+    if options.lumvane:
+        share = disagreement(Program(options.lumvane, target, version), network)
+        print(f"program against PyTorch: {share:.5f} of the removed noise")
+        if share > 0.01:
+            sys.exit("the program and PyTorch disagree")
 
 
 if __name__ == "__main__":

@@ -28,6 +28,8 @@ from lumvane_training.network import Denoiser, forward_in_bfloat16, parameter_co
 
 LOG_EVERY = 200
 SAVE_SECONDS = 120.0
+PAUSE_SECONDS = 15.0
+"""Ten steps that take longer were interrupted: the run's clock stands still meanwhile, and the schedule with it."""
 BUFFER_PIXELS = 12_000_000
 """Crop pixels that each feeder keeps for mixing: some forty frames of a 512 px pool."""
 
@@ -150,27 +152,29 @@ class Trainer:
             self.terms[name] = self.terms.get(name, 0.0) + float(value.detach())
         return float(loss.detach())
 
-    def shared_clock(self, elapsed: float) -> tuple[float, bool]:
-        """Worker 0's elapsed time and whether to stop, so that all workers stop and change phase at the same step."""
+    def shared_clock(self, spent: float, stop: bool) -> tuple[float, bool]:
+        """Worker 0's seconds and whether to stop, so that all workers stop and change phase at the same step."""
         parent = multiprocessing.parent_process()
-        orphaned = parent is not None and not parent.is_alive()
+        stop = stop or (parent is not None and not parent.is_alive())
         if self.workers == 1:
-            return elapsed, orphaned
-        value = torch.tensor([elapsed, float(orphaned)], dtype=torch.float64)
+            return spent, stop
+        value = torch.tensor([spent, float(stop)], dtype=torch.float64)
         dist.broadcast(value, 0)
         return float(value[0]), bool(value[1])
 
     def fit(self, stop_after: float) -> None:
         """Trains until the run's time is over or `stop_after` seconds have passed in this call."""
-        start = last_log = last_save = time.monotonic()
-        clock, calls, losses, last_megapixels = self.seconds, 0, [], self.megapixels
+        start = last_check = last_log = last_save = time.monotonic()
+        calls, losses, last_megapixels = 0, [], self.megapixels
         while self.progress < 1.0:
             losses.append(self.train_step())
             calls += 1
             if calls % 10 == 0:
-                elapsed, orphaned = self.shared_clock(time.monotonic() - start)
-                self.seconds = clock + elapsed
-                if elapsed > stop_after or orphaned:
+                now = time.monotonic()
+                spent, stop = self.shared_clock(min(now - last_check, PAUSE_SECONDS), now - start > stop_after)
+                last_check = now
+                self.seconds += spent
+                if stop:
                     break
             if self.rank == 0 and self.step % LOG_EVERY == 0:
                 now = time.monotonic()
