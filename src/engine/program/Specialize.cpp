@@ -1,7 +1,7 @@
 #include "engine/program/Specialize.h"
 
 #include "engine/Error.h"
-#include "engine/Limits.h"
+#include "engine/program/FoldingBudget.h"
 #include "engine/program/OpCall.h"
 #include "engine/program/OpRegistry.h"
 
@@ -24,7 +24,7 @@ bool Contradicts(const TensorType& declared, const Shape& found) {
 
 class Specializer {
  public:
-  explicit Specializer(const Program& program) : program_(program) {}
+  explicit Specializer(const Program& program) : program_(program), budget_(program) {}
 
   Program Run(const std::vector<Shape>& inputShapes) {
     BindInputs(inputShapes);
@@ -113,20 +113,13 @@ class Specializer {
         read += call.Value(parameter.name, i).count();
       }
     }
-    std::int64_t written = 0;
+    FoldingCost cost{read, 0, 0, call.definition().costly};
     for (const TensorType& type : types) {
       const std::int64_t count = ElementCount(type.shape);
-      if (count > limits::kMaxFoldedElements) return false;
-      written += count;
+      cost.written += count;
+      cost.largest = std::max(cost.largest, count);
     }
-    // Folded results count against the bound of all constants as if none were ever released.
-    if (written > limits::kMaxConstantBytes / 4 - foldedElements_) return false;
-    if (call.definition().costly && written > 0 && read > limits::kMaxFoldingWork / written) return false;
-    const std::int64_t work = call.definition().costly ? read * written : read + written;
-    if (work > limits::kMaxFoldingWork - foldingWork_) return false;
-    foldedElements_ += written;
-    foldingWork_ += work;
-    return true;
+    return budget_.Take(cost);
   }
 
   void Fold(const OpCall& call, const Operation& operation, const std::vector<TensorType>& types) {
@@ -142,8 +135,7 @@ class Specializer {
   }
 
   Program program_;
-  std::int64_t foldedElements_ = 0;
-  std::int64_t foldingWork_ = 0;
+  FoldingBudget budget_;
 };
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "engine/Error.h"
+#include "engine/Limits.h"
 #include "engine/program/Specialize.h"
 #include "tests/engine/program/OpTesting.h"
 #include "tests/engine/program/ProgramTesting.h"
@@ -114,10 +115,22 @@ TEST(Specialize, LeavesLargeResultsToTheRun) {
   EXPECT_FALSE(bound.at(zeros).constant.has_value());
 }
 
+TEST(Specialize, ATinyProgramDoesNotFillMemory) {
+  ProgramBuilder builder;
+  const ValueId shape = builder.Constant(Tensor::IntVector({limits::kMaxFoldedElements}));
+  constexpr std::int64_t kOperations = 100;
+  for (std::int64_t i = 0; i < kOperations; ++i) builder.Output(builder.Call("fill", {{"shape", {shape}}}));
+  const Program bound = Specialize(builder.program, {});
+  std::int64_t folded = 0;
+  for (const Value& value : bound.values) folded += value.constant ? value.constant->count() : 0;
+  EXPECT_LE(folded, limits::kFoldedElements + 100);
+  EXPECT_EQ(std::ssize(bound.operations), kOperations - limits::kFoldedElements / limits::kMaxFoldedElements);
+}
+
 TEST(Specialize, LeavesCostlyWorkToTheRun) {
   ProgramBuilder builder;
   const ValueId x = builder.Constant(Ramp({1, 1, 1 << 16}));
-  const ValueId longWeight = builder.Constant(Ramp({1, 1, 1 << 15}));
+  const ValueId longWeight = builder.Constant(Ramp({1, 1, 1 << 13}));
   const ValueId shortWeight = builder.Constant(Tensor::Floats({1, 1, 1}, {2}));
   const ValueId costly = builder.Call("conv", {{"x", {x}}, {"weight", {longWeight}}});
   const ValueId folded = builder.Call("conv", {{"x", {longWeight}}, {"weight", {shortWeight}}});
