@@ -28,7 +28,7 @@ NO_LIMIT = 3.0e4
 class FrameLaws:
     """Ranges and shares of exposures. `modes` are the shares of MODES."""
 
-    modes: tuple[float, ...] = (0.40, 0.25, 0.06, 0.05, 0.24)
+    modes: tuple[float, ...] = (0.30, 0.20, 0.05, 0.05, 0.40)
     mono_share: float = 0.30
     sigma_usual: tuple[float, float] = (0.002, 0.08)
     sigma_strong: tuple[float, float] = (0.08, 0.20)
@@ -37,6 +37,8 @@ class FrameLaws:
     faint_share: float = 0.10
     blank_share: float = 0.04
     """Frames of nothing but sky."""
+    sigma_symmetric: tuple[float, float] = (0.02, 0.08)
+    """Every second symmetric frame has its noise from here: where stretched ones crowd, there have to be others."""
     perfect_share: float = 0.02
     """Frames without any noise: what is clean has to stay as it is."""
     zero_channel_share: float = 0.02
@@ -70,8 +72,10 @@ class Pair:
     """Parameters of the linear mode, where that was the stretch."""
 
 
-def draw_sigma(rng: np.random.Generator, laws: FrameLaws) -> float:
+def draw_sigma(rng: np.random.Generator, laws: FrameLaws, mode: str) -> float:
     """Wanted noise at the background after the stretch."""
+    if mode == "symmetric" and rng.random() < 0.5:
+        return float(rng.uniform(*laws.sigma_symmetric))
     choice = rng.random()
     if choice < laws.strong_share:
         return log_uniform(rng, *laws.sigma_strong)
@@ -146,7 +150,7 @@ def make_pair(rng: np.random.Generator, light: Array, laws: FrameLaws = FrameLaw
     """A noisy and a clean stretched frame of a scene's light [3, h, w]; what is not given is drawn from the laws."""
     mono = bool(rng.random() < laws.mono_share) if mono is None else mono
     mode = str(rng.choice(MODES, p=laws.modes)) if mode is None else mode
-    wanted = draw_sigma(rng, laws) if wanted is None else wanted
+    wanted = draw_sigma(rng, laws, mode) if wanted is None else wanted
     frame = exposure(rng, np.zeros_like(light) if rng.random() < laws.blank_share else light, mono)
     level = np.maximum(medians(frame), 1e-7)
     if mode in ("other", "symmetric"):

@@ -126,8 +126,8 @@ def _lattice(error: Tensor) -> Tensor:
 def loss_terms(output: Tensor, batch: Batch) -> dict[str, Tensor]:
     """The weighted terms of the loss by name; their sum is the loss.
 
-    Pixel, box and absolute errors are averaged over a patch before their logarithm is averaged over the batch: a patch
-    counts by how much better it gets in relation, as it does in decibels, however loud or difficult it is.
+    Pixel and absolute errors are averaged over a patch before their logarithm is averaged over the batch: a patch counts
+    by how much better it gets in relation, as it does in decibels, however loud or difficult it is.
     """
     output, batch = output.contiguous(), Batch(*(t.contiguous() for t in batch))
     error = output - batch.clean
@@ -141,7 +141,8 @@ def loss_terms(output: Tensor, batch: Batch) -> dict[str, Tensor]:
     apart = (output - output.mean(dim=1, keepdim=True)).abs() / noise
     return {
         "pixel": torch.log(pixel + PIXEL_GOAL).mean(),
-        "boxes": BOX_WEIGHT * torch.log(boxes + BOX_GOAL).mean(),
+        # The root stands between the mean and its logarithm: frames with stars that are far off have to keep some weight.
+        "boxes": BOX_WEIGHT * 2.0 * torch.sqrt(boxes + BOX_GOAL).mean(),
         "absolute": ABSOLUTE_WEIGHT * torch.log(absolute + SMOOTHING).mean(),
         # Clamped, because the mean shift is a matter of the sky and not of a few cores.
         "shift": SHIFT_WEIGHT * scaled.clamp(-1.0, 1.0).mean(dim=(2, 3)).abs().mean(),

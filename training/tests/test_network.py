@@ -65,7 +65,7 @@ def test_loss_is_smallest_at_the_truth():
     batch = batch_of(clean, 0.05 * torch.randn_like(clean), 0.05)
     at_truth = losses.loss_terms(clean, batch)
     assert at_truth["pixel"].item() == pytest.approx(math.log(losses.PIXEL_GOAL), rel=1e-4)
-    assert at_truth["boxes"].item() == pytest.approx(losses.BOX_WEIGHT * math.log(losses.BOX_GOAL), rel=1e-4)
+    assert at_truth["boxes"].item() == pytest.approx(2 * losses.BOX_WEIGHT * math.sqrt(losses.BOX_GOAL), rel=1e-4)
     assert loss(clean, batch) < loss(clean + 0.2 * (batch.noisy - clean), batch) - 1 < loss(batch.noisy, batch) - 3
 
 
