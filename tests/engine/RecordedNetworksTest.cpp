@@ -25,10 +25,11 @@ const Shape kShape = {1, 3, 32, 40};
 struct Recorded {
   std::string name;
   double tolerance = 0;  ///< largest difference as a share of the range of the recorded output
+  std::string ending = ".mlpackage";
 };
 
 void PrintTo(const Recorded& recorded, std::ostream* stream) {
-  *stream << recorded.name;
+  *stream << recorded.name << recorded.ending;
 }
 
 std::vector<Recorded> AllRecorded() {
@@ -41,6 +42,16 @@ std::vector<Recorded> AllRecorded() {
     all.push_back(recorded);
   }
   return all;
+}
+
+/// Those that are there as a compiled bundle, too.
+std::vector<Recorded> AllCompiled() {
+  std::vector<Recorded> compiled = AllRecorded();
+  for (Recorded& recorded : compiled) recorded.ending = ".mlmodelc";
+  std::erase_if(compiled, [](const Recorded& recorded) {
+    return !std::filesystem::exists(Fixtures() / (recorded.name + recorded.ending));
+  });
+  return compiled;
 }
 
 std::vector<float> ReadFloats(const std::string& name) {
@@ -72,7 +83,7 @@ class RecordedNetworks : public ::testing::TestWithParam<Recorded> {
     EXPECT_LE(share, GetParam().tolerance);
   }
 
-  const std::filesystem::path path_ = Fixtures() / (GetParam().name + ".mlpackage");
+  const std::filesystem::path path_ = Fixtures() / (GetParam().name + GetParam().ending);
   const std::vector<float> input_ = ReadFloats("recorded-input.f32");
 };
 
@@ -94,14 +105,18 @@ TEST_P(RecordedNetworks, ReferenceEvaluationGivesTheRecordedOutput) {
   ExpectRecorded(output.floats());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, RecordedNetworks, ::testing::ValuesIn(AllRecorded()), [](const auto& test) {
+std::string NameOfCase(const ::testing::TestParamInfo<Recorded>& test) {
   std::string name = test.param.name;
   std::replace(name.begin(), name.end(), '-', '_');
   return name;
-});
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RecordedNetworks, ::testing::ValuesIn(AllRecorded()), NameOfCase);
+INSTANTIATE_TEST_SUITE_P(Compiled, RecordedNetworks, ::testing::ValuesIn(AllCompiled()), NameOfCase);
 
 TEST(RecordedNetworksList, IsNotEmpty) {
   EXPECT_GE(AllRecorded().size(), 14U);
+  EXPECT_GE(AllCompiled().size(), 7U);
 }
 
 }  // namespace

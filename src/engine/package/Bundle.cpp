@@ -4,6 +4,7 @@
 #include "engine/package/Text.h"
 
 #include <optional>
+#include <string>
 #include <system_error>
 
 namespace ulmora::engine::package {
@@ -16,12 +17,37 @@ bool Exists(const fs::path& path) {
   return fs::exists(path, ignored);
 }
 
-/// What is at `path`, in words, if it is a form of model that is known but cannot be opened.
-std::optional<std::string> OtherForm(const fs::path& path, bool isDirectory) {
-  if (!isDirectory && path.extension() == ".mlmodel") return "a single-file model (.mlmodel)";
-  if (isDirectory && (Exists(path / "model.mil") || Exists(path / "coremldata.bin")))
-    return "a compiled model (.mlmodelc)";
-  return std::nullopt;
+constexpr const char* kProgramText = "model.mil";
+
+[[noreturn]] void Fail(const fs::path& path, const std::string& message) {
+  throw Error(Stage::Open, Quoted(path.string()) + " " + message);
+}
+
+/// What a compiled bundle without a program is.
+std::string OtherCompiledForm(const fs::path& path) {
+  constexpr const char* kExpected = ", expected a compiled ML program (model.mil)";
+  if (Exists(path / "model.espresso.net"))
+    return std::string("is a compiled neural network (model.espresso.net)") + kExpected;
+  if (Exists(path / "model0")) return std::string("is a compiled pipeline (model0, ...)") + kExpected;
+  if (Exists(path / "Manifest.json"))
+    return "is a package under the name of a compiled model, expected the ending .mlpackage";
+  if (Exists(path / "coremldata.bin")) return std::string("is a compiled model of another kind") + kExpected;
+  return "holds no model.mil, expected a compiled ML program";
+}
+
+Bundle OpenCompiled(const fs::path& path) {
+  const fs::path program = path / kProgramText;
+  if (!Exists(program)) Fail(path, OtherCompiledForm(path));
+  return {program, BundleForm::Compiled};
+}
+
+Bundle OpenPackage(const fs::path& path) {
+  const fs::path manifest = path / "Manifest.json";
+  if (Exists(manifest)) return {path / "Data" / ReadManifest(manifest), BundleForm::Package};
+  if (Exists(path / kProgramText) || Exists(path / "coremldata.bin")) {
+    Fail(path, "is a compiled model, expected the ending .mlmodelc");
+  }
+  Fail(path, "holds no Manifest.json, expected a package (.mlpackage)");
 }
 
 }  // namespace
@@ -40,22 +66,20 @@ fs::path Bundle::WeightFile(const std::string& name) const {
               "weight file " + Quoted(name) + " is missing, expected " + Quoted((folder / *relative).string()));
 }
 
+bool HasCompiledEnding(const fs::path& path) {
+  return (path.has_filename() ? path : path.parent_path()).extension() == ".mlmodelc";
+}
+
 Bundle OpenBundle(const fs::path& path) {
-  const std::string name = Quoted(path.string());
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
-  if (status.type() == fs::file_type::not_found) throw Error(Stage::Open, "there is no file or directory " + name);
-  if (error) throw Error(Stage::Open, "cannot examine " + name + ": " + error.message());
-  const bool isDirectory = fs::is_directory(status);
-  if (const auto form = OtherForm(path, isDirectory)) {
-    throw Error(Stage::Open, name + " is " + *form + ", expected a package (.mlpackage)");
+  if (status.type() == fs::file_type::not_found) {
+    throw Error(Stage::Open, "there is no file or directory " + Quoted(path.string()));
   }
-  if (!isDirectory) throw Error(Stage::Open, name + " is not a directory, expected a package (.mlpackage)");
-  const fs::path manifest = path / "Manifest.json";
-  if (!Exists(manifest)) {
-    throw Error(Stage::Open, name + " holds no Manifest.json, expected a package (.mlpackage)");
-  }
-  return {path / "Data" / ReadManifest(manifest)};
+  if (error) throw Error(Stage::Open, "cannot examine " + Quoted(path.string()) + ": " + error.message());
+  if (fs::is_directory(status)) return HasCompiledEnding(path) ? OpenCompiled(path) : OpenPackage(path);
+  if (path.extension() == ".mlmodel") Fail(path, "is a single-file model (.mlmodel), expected a package (.mlpackage)");
+  Fail(path, "is not a directory, expected a package (.mlpackage) or a compiled model (.mlmodelc)");
 }
 
 }  // namespace ulmora::engine::package

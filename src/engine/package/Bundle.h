@@ -1,14 +1,21 @@
 #pragma once
-// Where the files of a model are: the package on disk before anything in it has been understood.
+// Where the files of a model are: the bundle on disk before anything in it has been understood.
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
 namespace ulmora::engine::package {
 
-/// The files of one package.
+enum class BundleForm : std::uint8_t {
+  Package,   ///< .mlpackage: manifest, model message, weight file
+  Compiled,  ///< .mlmodelc: textual program, weight file, description
+};
+
+/// The files of one bundle.
 struct Bundle {
-  std::filesystem::path model;  ///< the serialized model message
+  std::filesystem::path model;  ///< the serialized model message, or the textual program
+  BundleForm form = BundleForm::Package;
 
   /// The file that a constant names, as "@model_path/weights/weight.bin": that prefix stands for the folder of the
   /// model file. If there is no such file, its last component is looked for in the folder "weights" there, since some
@@ -16,8 +23,13 @@ struct Bundle {
   [[nodiscard]] std::filesystem::path WeightFile(const std::string& name) const;
 };
 
-/// Finds the model of the .mlpackage directory at `path` by its manifest. Throws Error(Open) if there is nothing at the
-/// path, if it is something else than a package, or if the manifest or the model file is missing.
+/// True if the path names a compiled bundle: it ends in ".mlmodelc", exactly so written; slashes behind that do not
+/// count.
+[[nodiscard]] bool HasCompiledEnding(const std::filesystem::path& path);
+
+/// Finds the model of the bundle at `path`: the textual program if the path has the ending of compiled bundles, else
+/// what the manifest of a package says. Throws Error(Open) if there is nothing at the path, or if it is something else
+/// than its ending promises, saying what it is.
 [[nodiscard]] Bundle OpenBundle(const std::filesystem::path& path);
 
 }  // namespace ulmora::engine::package

@@ -139,7 +139,7 @@ Tensor ConstantReader::ReadRecord(const std::string& fileName, std::uint64_t off
   if (known != records_.end() && known->second.count() == ElementCount(type.shape)) {
     return known->second.shape() == type.shape ? known->second : known->second.Reshaped(type.shape);
   }
-  Account(DecodedBytes(type, nullptr));
+  Account(type);
   Tensor tensor = DecodeElements(bytes, type.element, type.shape);
   records_.insert_or_assign(key, tensor);
   return tensor;
@@ -150,6 +150,10 @@ const WeightFile& ConstantReader::FileOf(const std::string& name) {
   const auto known = files_.find(path);
   if (known != files_.end()) return known->second;
   return files_.try_emplace(path, path).first->second;
+}
+
+void ConstantReader::Account(const TensorType& type) {
+  Account(DecodedBytes(type, nullptr));
 }
 
 void ConstantReader::Account(std::int64_t bytes) {

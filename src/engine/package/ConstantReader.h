@@ -39,10 +39,16 @@ class ConstantReader {
   /// pass the bound, which is checked before memory is taken.
   [[nodiscard]] Tensor Read(const coreml::Value& value);
 
+  /// The tensor of this static type in the record at `offset` of the weight file of that name. Throws as Read does.
+  [[nodiscard]] Tensor ReadRecord(const std::string& fileName, std::uint64_t offset, const TensorType& type);
+
+  /// Takes the elements of a constant of this static type, which the caller decodes itself, into the account (strings
+  /// without their characters). Throws Error(Load) if the bound is passed, Error(Translate) for an absurd shape.
+  void Account(const TensorType& type);
+
  private:
   using RecordKey = std::tuple<const WeightFile*, std::uint64_t, ElementType>;
 
-  Tensor ReadRecord(const std::string& fileName, std::uint64_t offset, const TensorType& type);
   const WeightFile& FileOf(const std::string& name);
   void Account(std::int64_t bytes);
 

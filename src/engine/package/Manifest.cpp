@@ -1,11 +1,11 @@
 #include "engine/package/Manifest.h"
 
 #include "engine/Limits.h"
+#include "engine/package/Json.h"
 #include "engine/package/MappedFile.h"
 #include "engine/package/Text.h"
 
 #include <google/protobuf/struct.pb.h>
-#include <google/protobuf/util/json_util.h>
 
 #include <algorithm>
 #include <array>
@@ -20,18 +20,6 @@ using google::protobuf::Value;
 
 [[noreturn]] void Fail(const std::string& message) {
   throw Error(Stage::Open, message);
-}
-
-Struct ParseJson(std::span<const std::byte> bytes) {
-  Struct document;
-  const google::protobuf::StringPiece text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  const auto status = google::protobuf::util::JsonStringToMessage(text, &document);
-  if (!status.ok()) {
-    // The parser's message goes on with the offending line and a caret below it.
-    const std::string message = std::string(status.message());
-    Fail("is not a JSON object: " + message.substr(0, message.find('\n')));
-  }
-  return document;
 }
 
 const Value& Member(const Struct& object, const std::string& key, Value::KindCase kind, const char* kindName) {
@@ -70,7 +58,9 @@ void CheckVersion(const std::string& text) {
   if (*version > std::array{1, 0, 0}) Fail("is of format version " + text + ", the newest known is 1.0.0");
 }
 
-std::filesystem::path RootModel(const Struct& document) {
+std::filesystem::path RootModel(const Value& parsed) {
+  if (!parsed.has_struct_value()) Fail("is not a JSON object");
+  const Struct& document = parsed.struct_value();
   CheckVersion(Text(document, "fileFormatVersion"));
   const std::string& identifier = Text(document, "rootModelIdentifier");
   const Struct& items = Object(document, "itemInfoEntries");

@@ -1,6 +1,7 @@
 #include "engine/package/ProgramReader.h"
 
 #include "engine/Limits.h"
+#include "engine/package/SourceChecks.h"
 #include "engine/package/Text.h"
 #include "schema/Mil.pb.h"
 
@@ -22,12 +23,6 @@ std::string Keys(const Map& map) {
   for (std::size_t i = 0; i < std::min(keys.size(), kShown); ++i) text += (i > 0 ? ", " : "") + keys[i];
   if (keys.empty()) return "none";
   return keys.size() > kShown ? text + ", ..." : text;
-}
-
-void CheckCount(std::int64_t count, std::int64_t limit, const char* what) {
-  if (count <= limit) return;
-  throw Error(Stage::Translate,
-              "has " + std::to_string(count) + " " + what + ", expected at most " + std::to_string(limit));
 }
 
 NamedType ReadNamedType(const coreml::NamedValueType& source, const char* what) {
@@ -68,17 +63,12 @@ class OperationReader {
     const auto attribute = source_.attributes().find("name");
     if (attribute != source_.attributes().end()) {
       const auto& strings = attribute->second.immediatevalue().tensor().strings();
-      if (strings.values_size() == 1 && IsUsable(strings.values(0))) return strings.values(0);
+      if (strings.values_size() == 1 && IsUsableName(strings.values(0))) return strings.values(0);
     }
     return source_.outputs_size() > 0 ? source_.outputs(0).name() : std::string();
   }
 
  private:
-  static bool IsUsable(const std::string& name) {
-    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
-    return !name.empty() && name.size() <= 200 && std::none_of(name.begin(), name.end(), isControl);
-  }
-
   std::vector<Binding> Bindings(const std::string& parameter, const coreml::Argument& argument) {
     const auto where = [&] { return "parameter " + Quoted(parameter); };
     return Within(where, [&] {

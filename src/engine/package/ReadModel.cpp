@@ -1,6 +1,7 @@
 #include "engine/package/ReadModel.h"
 
 #include "engine/package/Bundle.h"
+#include "engine/package/CompiledModel.h"
 #include "engine/package/ConstantReader.h"
 #include "engine/package/DescriptionReader.h"
 #include "engine/package/ModelMessage.h"
@@ -69,6 +70,7 @@ ModelSource ReadModel(const std::filesystem::path& path) {
   const auto where = [&] { return Quoted(path.string()); };
   try {
     const Bundle bundle = OpenBundle(path);
+    if (bundle.form == BundleForm::Compiled) return ReadCompiledModel(bundle);
     const ModelMessage message(bundle.model);
     return Within([&] { return Quoted(bundle.model.string()); }, [&] { return Convert(message.model(), bundle); });
   } catch (const std::bad_alloc&) {

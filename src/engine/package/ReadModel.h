@@ -7,7 +7,8 @@
 
 namespace ulmora::engine::package {
 
-/// Reads the bundle at `path`: manifest, model message, weight file. Everything that comes from a file is checked
+/// Reads the bundle at `path`: manifest, model message, weight file, or the textual program of a compiled bundle with
+/// its description and weight file. Everything that comes from a file is checked
 /// before use. Throws Error(Open) for an unreadable or malformed bundle or message, Error(Translate) for a model of a
 /// kind that is no ML program, Error(Load) for constants that cannot be loaded from the weight file. Messages name the
 /// file.

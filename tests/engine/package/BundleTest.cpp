@@ -23,20 +23,57 @@ TEST(OpenBundle, NothingThere) {
               [&] { static_cast<void>(OpenBundle(folder.path() / "gone.mlpackage")); });
 }
 
+TEST(OpenBundle, FindsTheProgramOfACompiledBundle) {
+  const TemporaryFolder folder;
+  folder.Write("c.mlmodelc/model.mil", "");
+  for (const char* path : {"c.mlmodelc", "c.mlmodelc/", "c.mlmodelc//"}) {
+    const Bundle bundle = OpenBundle((folder.path() / "").string() + path);
+    EXPECT_EQ(bundle.form, BundleForm::Compiled);
+    EXPECT_TRUE(fs::equivalent(bundle.model, folder.path() / "c.mlmodelc" / "model.mil")) << bundle.model;
+  }
+}
+
+TEST(OpenBundle, TheEndingOfCompiledBundlesIsExact) {
+  for (const char* path : {"a.mlmodelc", "a.mlmodelc/", "a.mlmodelc//", "/b/a.mlmodelc/"}) {
+    EXPECT_TRUE(HasCompiledEnding(path)) << path;
+  }
+  for (const char* path :
+       {"a.MLMODELC", "a.mlmodelc.x", "a.mlpackage", "a.mlmodel", "mlmodelc", "a.mlmodelc/b", "", "/"}) {
+    EXPECT_FALSE(HasCompiledEnding(path)) << path;
+  }
+}
+
 TEST(OpenBundle, SaysWhatElseItFound) {
   const TemporaryFolder folder;
-  folder.Write("compiled.mlmodelc/model.mil", "program(1.0)");
-  folder.Write("older.mlmodelc/coremldata.bin", "x");
+  folder.Write("network.mlmodelc/model.espresso.net", "{}");
+  folder.Write("network.mlmodelc/coremldata.bin", "x");
+  folder.Write("pipeline.mlmodelc/model0/model.mil", "x");
+  folder.Write("other.mlmodelc/coremldata.bin", "x");
+  folder.Write("renamed.mlmodelc/Manifest.json", ManifestText());
+  folder.Write("empty.mlmodelc/readme", "x");
+  folder.Write("file.mlmodelc", "x");
+  folder.Write("compiled.mlpackage/model.mil", "program(1.0)");
+  folder.Write("older.MLMODELC/coremldata.bin", "x");
   folder.Write("single.mlmodel", "x");
   folder.Write("text.mlpackage", "x");
   folder.Write("folder.mlpackage/readme", "x");
-  const auto open = [&](const char* name) { static_cast<void>(OpenBundle(folder.path() / name)); };
-  ExpectError(Stage::Open, {"is a compiled model (.mlmodelc), expected a package (.mlpackage)"},
-              [&] { open("compiled.mlmodelc"); });
-  ExpectError(Stage::Open, {"is a compiled model (.mlmodelc)"}, [&] { open("older.mlmodelc"); });
-  ExpectError(Stage::Open, {"is a single-file model (.mlmodel), expected a package"}, [&] { open("single.mlmodel"); });
-  ExpectError(Stage::Open, {"is not a directory, expected a package"}, [&] { open("text.mlpackage"); });
-  ExpectError(Stage::Open, {"holds no Manifest.json"}, [&] { open("folder.mlpackage"); });
+  const std::pair<const char*, const char*> cases[] = {
+      {"network.mlmodelc",
+       "is a compiled neural network (model.espresso.net), expected a compiled ML program (model.mil)"},
+      {"pipeline.mlmodelc/", "is a compiled pipeline (model0, ...), expected a compiled ML program"},
+      {"other.mlmodelc", "is a compiled model of another kind, expected a compiled ML program"},
+      {"renamed.mlmodelc", "is a package under the name of a compiled model, expected the ending .mlpackage"},
+      {"empty.mlmodelc", "holds no model.mil, expected a compiled ML program"},
+      {"file.mlmodelc", "is not a directory, expected a package (.mlpackage) or a compiled model (.mlmodelc)"},
+      {"compiled.mlpackage", "is a compiled model, expected the ending .mlmodelc"},
+      {"older.MLMODELC", "is a compiled model, expected the ending .mlmodelc"},
+      {"single.mlmodel", "is a single-file model (.mlmodel), expected a package"},
+      {"text.mlpackage", "is not a directory, expected a package"},
+      {"folder.mlpackage", "holds no Manifest.json"},
+  };
+  for (const auto& [name, text] : cases) {
+    ExpectError(Stage::Open, {name, text}, [&, name = name] { static_cast<void>(OpenBundle(folder.path() / name)); });
+  }
 }
 
 class WeightFileOfBundle : public ::testing::Test {

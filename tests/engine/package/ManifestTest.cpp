@@ -44,12 +44,12 @@ TEST_F(ManifestTest, EscapesAndOtherItemsAndMembersAreFine) {
 }
 
 TEST_F(ManifestTest, DamagedJsonIsOneLine) {
-  ExpectRefused("", {"is not a JSON object"});
+  ExpectRefused("", {"is not a JSON document"});
   ExpectRefused("[]", {"is not a JSON object"});
-  ExpectRefused("{\"a\": \n\n nonsense}", {"is not a JSON object"});
-  ExpectRefused(ManifestText().substr(0, 40), {"is not a JSON object"});
-  ExpectRefused(std::string(100'000, '['), {"is not a JSON object"});
-  ExpectRefused("{\"a\":" + std::string(100'000, '['), {"is not a JSON object"});
+  ExpectRefused("{\"a\": \n\n nonsense}", {"is not a JSON document"});
+  ExpectRefused(ManifestText().substr(0, 40), {"is not a JSON document"});
+  ExpectRefused(std::string(100'000, '['), {"is not a JSON document"});
+  ExpectRefused("{\"a\":" + std::string(100'000, '['), {"is not a JSON document"});
   ExpectRefused("{\"a\": \"\xFF\xFE\"}", {"Manifest.json"});
 }
 

@@ -65,6 +65,43 @@ TEST(ReadModel, EveryCommittedPackageCanBeRead) {
   EXPECT_GE(count, 25);
 }
 
+TEST(ReadModel, ACompiledBundleHoldsWhatItsPackageDoes) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(Fixtures())) {
+    if (entry.path().extension() != ".mlmodelc") continue;
+    SCOPED_TRACE(entry.path());
+    ++count;
+    const ModelSource compiled = ReadModel(entry.path());
+    const ModelSource package = ReadModel(std::filesystem::path(entry.path()).replace_extension(".mlpackage"));
+    EXPECT_EQ(compiled.specificationVersion, package.specificationVersion);
+    EXPECT_EQ(compiled.program.opset, package.program.opset);
+    EXPECT_EQ(compiled.program.outputs, package.program.outputs);
+    ASSERT_EQ(compiled.inputs.size(), package.inputs.size());
+    for (std::size_t i = 0; i < compiled.inputs.size(); ++i) {
+      EXPECT_EQ(compiled.inputs[i].name, package.inputs[i].name);
+      EXPECT_EQ(compiled.inputs[i].shape, package.inputs[i].shape);
+    }
+    // Some constants stand inline in the text; the operations that compute are the same, one by one.
+    const auto computing = [](const ModelSource& source) {
+      std::vector<const SourceOperation*> operations;
+      for (const SourceOperation& operation : source.program.operations) {
+        if (operation.type != "const") operations.push_back(&operation);
+      }
+      return operations;
+    };
+    const auto found = computing(compiled);
+    const auto expected = computing(package);
+    ASSERT_EQ(found.size(), expected.size());
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      EXPECT_EQ(found[i]->type, expected[i]->type);
+      EXPECT_EQ(found[i]->name, expected[i]->name);
+      EXPECT_EQ(found[i]->inputs.size(), expected[i]->inputs.size());
+      EXPECT_EQ(found[i]->results.front().type, expected[i]->results.front().type);
+    }
+  }
+  EXPECT_GE(count, 8);
+}
+
 TEST(ReadModel, MissingAndForeignPaths) {
   const TemporaryFolder folder;
   ExpectError(Stage::Open, {"there is no file or directory"},
@@ -93,6 +130,30 @@ TEST(ReadModel, OtherTypesOfModelsAreNamed) {
   expectNamed("neuralNetworkClassifier", [](coreml::Model& model) { model.mutable_neuralnetworkclassifier(); });
   expectNamed("pipeline", [](coreml::Model& model) { model.mutable_pipeline(); });
   expectNamed("unknown", [](coreml::Model& model) { model.clear_mlprogram(); });
+}
+
+TEST(ReadModel, NewestOperationSetInADefaultFunctionOfAnotherName) {
+  const TemporaryFolder folder;
+  coreml::Model model = IdentityModel();
+  model.set_specificationversion(10);
+  auto& functions = *model.mutable_mlprogram()->mutable_functions();
+  coreml::Function& function = functions["denoise"];
+  function = functions["main"];
+  function.set_opset("CoreML9");
+  (*function.mutable_block_specializations())["CoreML9"] = functions["main"].block_specializations().at("CoreML5");
+  functions["main"].clear_block_specializations();
+  coreml::ModelDescription& description = *model.mutable_description();
+  description.set_defaultfunctionname("denoise");
+  coreml::FunctionDescription& described = *description.add_functions();
+  described.set_name("denoise");
+  description.mutable_input()->Swap(described.mutable_input());
+  description.mutable_output()->Swap(described.mutable_output());
+  const ModelSource source = ReadModel(WritePackage(folder, model));
+  EXPECT_EQ(source.specificationVersion, 10);
+  EXPECT_EQ(source.program.opset, "CoreML9");
+  EXPECT_EQ(source.program.operations.size(), 1U);
+  EXPECT_EQ(source.inputs.at(0).name, "x");
+  EXPECT_EQ(source.outputs.at(0).name, "y");
 }
 
 TEST(ReadModel, MessagesNameFileOperationAndRecord) {
