@@ -9,9 +9,13 @@ function(add_cpp_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} lumvane_options GTest::gtest GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/src)
   target_compile_definitions(${name} PRIVATE LUMVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  set(prefix)
+  if(ARG_PREFIX)
+    set(prefix TEST_PREFIX ${ARG_PREFIX})
+  endif()
   gtest_discover_tests(
     ${name}
-    TEST_PREFIX "${ARG_PREFIX}"
+    ${prefix}
     DISCOVERY_TIMEOUT 60
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
     PROPERTIES LABELS "unit;${ARG_LABELS}" TIMEOUT 300)
