@@ -104,6 +104,7 @@ std::vector<LinearMtfChannel> ComputeLinearMtf(const cv::Mat& image, double shad
     throw std::invalid_argument("Shadows clipping must be a finite negative normalized-MAD multiplier.");
   }
   std::vector<LinearMtfChannel> channels;
+  channels.reserve(static_cast<std::size_t>(image.channels()));
   for (int c = 0; c < image.channels(); ++c) {
     channels.push_back(ComputeChannel(ChannelSamples(image, c), shadowsClipping, targetBackground));
   }

@@ -151,6 +151,7 @@ void Emitter::Add(dnnl::primitive primitive, std::vector<Argument> arguments, co
     arguments.push_back({DNNL_ARG_SCRATCHPAD, scratch, Scratch(bytes)});
   }
   std::vector<BufferId> buffers;
+  buffers.reserve(arguments.size());
   for (const Argument& argument : arguments) buffers.push_back(argument.buffer);
   std::string runner = what + onednn::ImplementationOf(primitive);
   Add(std::make_unique<PrimitiveStep>(std::move(primitive), std::move(arguments)), buffers, std::move(runner));
