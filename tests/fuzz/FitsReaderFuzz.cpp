@@ -49,6 +49,11 @@ extern "C" const char* __lsan_default_suppressions() {
   return "leak:libcfitsio";
 }
 
+/// A header may make the library ask for more memory than there is; the library expects to be refused.
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::ostringstream spoken;
   const ulmora::cli::CliDiagnostics diagnostics{false, false, &spoken};
