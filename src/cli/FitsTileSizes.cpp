@@ -29,23 +29,18 @@ class FitsBytes {
   std::unique_ptr<gzFile_s, int (*)(gzFile)> file_;
 };
 
-/// Whether the card gives one of a tile's sizes a value below 1, as a number or as a text that holds one. A value that
-/// is no number at all is left to the library, which refuses it.
+/// Whether the card gives one of a tile's sizes anything but a number from 1 up, bare or in quotes. The library ignores
+/// that it could not read a size and goes on with 0; so both ways in which it may read one must be content.
 bool ClaimsNoPixels(std::string_view card) {
   std::string text(card);
   std::array<char, FLEN_VALUE> value{};
   std::array<char, FLEN_COMMENT> comment{};
   int status = 0;
-  if (fits_parse_value(text.data(), value.data(), comment.data(), &status) != 0) {
-    fits_clear_errmsg();
-    return false;
-  }
+  if (fits_parse_value(text.data(), value.data(), comment.data(), &status) != 0) fits_clear_errmsg();
   std::string number(value.data());
   std::erase(number, '\'');
   std::ranges::replace(number, 'D', 'E');
-  char* end = nullptr;
-  const double size = std::strtod(number.c_str(), &end);
-  return end != number.c_str() && !(size >= 1.0);
+  return !(std::strtod(number.c_str(), nullptr) >= 1.0) || std::strtoll(number.c_str(), nullptr, 10) < 1;
 }
 
 /// Reads the header from here to its end.

@@ -148,7 +148,8 @@ class FitsTiles : public testing::Test {
 
 /// The library divides by these sizes as soon as it meets the HDU.
 TEST_F(FitsTiles, TilesOfNoPixelsAreRefused) {
-  for (const std::string value : {"0", "-1", "0.5", "1D-3", "'0'", "-9223372036854775808"}) {
+  for (const std::string value :
+       {"0", "-1", "0.5", "1D-3", "'0'", "-9223372036854775808", "inf", "0x10", "none 20", ""}) {
     Write(RICE_1, SHORT_IMG, 40);
     Set("ZTILE2", value);
     EXPECT_EQ(Failure(), "Inspecting HDUs failed for FITS image " + path_ + ": error uncompressing image") << value;
