@@ -2,6 +2,7 @@
 
 #include "engine/cpu/Executable.h"
 #include "engine/package/ReadModel.h"
+#include "engine/program/MultiplyAdds.h"
 #include "engine/program/Specialize.h"
 #include "engine/program/import/MilImport.h"
 #include "engine/program/passes/Pipeline.h"
@@ -118,6 +119,28 @@ OutputView Model::Run() {
   cpu::Executable& executable = *state_->executable;
   executable.Run();
   return {state_->outputs.front().element, executable.outputShape(), executable.output()};
+}
+
+std::vector<StepTime> Model::TimeSteps() {
+  if (!state_->executable) throw Error(Stage::Run, "no input was given to the network");
+  std::vector<StepTime> steps;
+  for (cpu::StepLabel& label : state_->executable->StepLabels()) {
+    steps.push_back({std::move(label.operation), std::move(label.runner), 0});
+  }
+  const std::vector<double> times = state_->executable->TimeSteps();
+  for (std::size_t i = 0; i < steps.size(); ++i) steps[i].microseconds = times[i];
+  return steps;
+}
+
+std::int64_t Model::MultiplyAdds(const Shape& shape) const {
+  RequireOneTensor(state_->inputs, "input");
+  try {
+    return program::MultiplyAdds(program::Specialize(state_->program, {shape}));
+  } catch (const Error& error) {
+    throw Error(Stage::Run, error.what());
+  } catch (const std::bad_alloc&) {
+    throw Error(Stage::Run, "the network needs more memory than there is for input " + ToString(shape));
+  }
 }
 
 }  // namespace ulmora::engine

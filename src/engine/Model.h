@@ -3,11 +3,14 @@
 
 #include "engine/Error.h"
 #include "engine/Feature.h"
+#include "engine/Inspection.h"
 #include "engine/Tensor.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace ulmora::engine {
@@ -19,12 +22,19 @@ struct OutputView {
   std::span<const float> data;
 };
 
+/// One step of a run: an operation, or a change of layout before one.
+struct StepTime {
+  std::string operation;  ///< the operation with its name, "conv 'head'"
+  std::string runner;     ///< what runs it
+  double microseconds = 0;
+};
+
 /// An opened network. Opening reads and checks everything but compiles nothing; the first tensor of a shape compiles
 /// the network for that shape, and later tensors of the same shape reuse it. Not for concurrent use; it computes on the
 /// threads of the process's OpenMP pool.
 class Model {
  public:
-  /// Opens a .mlpackage directory. Throws Error with Stage Open, Translate or Load.
+  /// Opens a .mlpackage or .mlmodelc directory. Throws Error with Stage Open, Translate or Load.
   explicit Model(const std::filesystem::path& path);
   ~Model();
   Model(Model&&) noexcept;
@@ -41,6 +51,13 @@ class Model {
 
   /// Runs the network over the buffer of the last BindInput. Throws Error(Run) if there was none or if it fails.
   [[nodiscard]] OutputView Run();
+
+  /// Runs like Run and tells how long each step took, in the order of the run.
+  [[nodiscard]] std::vector<StepTime> TimeSteps();
+
+  /// Multiply-adds of the convolutions, matrix products and attentions for an input of this shape. Compiles nothing.
+  /// Throws Error(Run) if the network cannot take the shape.
+  [[nodiscard]] std::int64_t MultiplyAdds(const Shape& shape) const;
 
  private:
   struct State;

@@ -34,6 +34,7 @@ def test_the_installed_program_finds_its_packages(prefix, tmp_path, version):
     "name",
     [
         "share/man/man1/lumvane.1",
+        "share/man/man1/lumvane-model.1",
         "share/bash-completion/completions/lumvane",
         "share/zsh/site-functions/_lumvane",
         "share/fish/vendor_completions.d/lumvane.fish",
@@ -51,6 +52,7 @@ def test_nothing_but_ours_is_installed(prefix):
     top = {path.relative_to(prefix).parts[:2] for path in prefix.rglob("*") if path.is_file()}
     assert top == {
         ("bin", "lumvane"),
+        ("bin", "lumvane-model"),
         ("lib", "lumvane"),
         ("share", "man"),
         ("share", "bash-completion"),

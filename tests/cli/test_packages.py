@@ -50,6 +50,30 @@ def test_a_good_package_runs(lumvane, image, tmp_path):
     assert load(tmp_path / "out.png").shape == (512, 512, 3)
 
 
+@pytest.mark.parametrize("slashes", ["", "/", "//"])
+def test_a_compiled_model_runs(lumvane, image, tmp_path, slashes):
+    bundle = f"{PACKAGES / 'unet-flexible-float16.mlmodelc'}{slashes}"
+    run = lumvane.denoise(image, "out.png", weights=bundle)
+    assert run.status == 0, run.err
+    package = lumvane.denoise(image, "package.png", weights=PACKAGES / "unet-flexible-float16.mlpackage")
+    assert package.status == 0, package.err
+    assert np.array_equal(load(tmp_path / "out.png"), load(tmp_path / "package.png"))
+
+
+def test_a_damaged_compiled_model_cannot_be_loaded(lumvane, image, tmp_path):
+    bundle = shutil.copytree(PACKAGES / "unet-flexible-float16.mlmodelc", tmp_path / "damaged.mlmodelc")
+    (bundle / "model.mil").write_text("program(1.3) {")
+    text = refusal(lumvane.denoise(image, "out.png", weights=f"{bundle}/"))
+    assert text.startswith(LOAD)
+    assert text.endswith("model.mil': line 1, column 15: expected 'func', found the end of the text")
+
+
+def test_the_ending_of_a_compiled_model_is_exact(lumvane, image, tmp_path):
+    bundle = shutil.copytree(PACKAGES / "unet-flexible-float16.mlmodelc", tmp_path / "network.MLMODELC")
+    text = refusal(lumvane.denoise(image, "out.png", weights=bundle))
+    assert text == f"{COMPILE}'{bundle}' is a compiled model, expected the ending .mlmodelc"
+
+
 def test_two_outputs_are_refused_at_opening(lumvane, image):
     run = lumvane.denoise(image, "out.png", weights=PACKAGES / "two-outputs.mlpackage")
     assert refusal(run) == "CoreML model must expose exactly one input and one output."

@@ -187,13 +187,15 @@ BufferId Emitter::NewBuffer(std::int64_t bytes, void* external) {
   return static_cast<BufferId>(buffers_.size() - 1);
 }
 
-bool Emitter::IsFreeAfter(BufferId buffer, program::ValueId operand) const {
+bool Emitter::IsFreeAfter(BufferId buffer, program::ValueId operand) {
   const auto index = static_cast<std::size_t>(buffer);
   if (buffers_[index].external != nullptr) return false;
+  // Values that nobody will read leave for good: a long chain of operations in one buffer must not be looked through
+  // again and again.
+  std::erase_if(tenants_[index], [&](program::ValueId id) { return pending_[Index(id)] == 0; });
   // Another value in the same buffer may have its elements in another order, so it must not be read by this operation.
-  return std::all_of(tenants_[index].begin(), tenants_[index].end(), [&](program::ValueId id) {
-    return id == operand ? pending_[Index(id)] == current_[Index(id)] : pending_[Index(id)] == 0;
-  });
+  return std::all_of(tenants_[index].begin(), tenants_[index].end(),
+                     [&](program::ValueId id) { return id == operand && pending_[Index(id)] == current_[Index(id)]; });
 }
 
 bool Emitter::IsOutput(program::ValueId value, Layout layout) const {

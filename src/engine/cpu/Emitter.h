@@ -90,7 +90,7 @@ class Emitter {
   [[nodiscard]] Placement& At(program::ValueId value) { return placements_[static_cast<std::size_t>(value)]; }
   [[nodiscard]] BufferId NewBuffer(std::int64_t bytes, void* external = nullptr);
   /// True if nothing in the buffer is needed any more once the operation being lowered has read `operand` from it.
-  [[nodiscard]] bool IsFreeAfter(BufferId buffer, program::ValueId operand) const;
+  [[nodiscard]] bool IsFreeAfter(BufferId buffer, program::ValueId operand);
   [[nodiscard]] bool IsOutput(program::ValueId value, Layout layout) const;
   void Place(program::ValueId value, Layout layout, BufferId buffer);
   void Touch(BufferId buffer);

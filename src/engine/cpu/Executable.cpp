@@ -64,9 +64,15 @@ std::size_t Executable::weightBytes() const noexcept {
   return state_->compiled->weights.bytes();
 }
 
+std::vector<StepLabel> Executable::StepLabels() const {
+  std::vector<StepLabel> labels;
+  for (const LabelledStep& step : state_->compiled->steps) labels.push_back({step.label, step.runner});
+  return labels;
+}
+
 std::vector<std::string> Executable::StepNames() const {
   std::vector<std::string> names;
-  for (const LabelledStep& step : state_->compiled->steps) names.push_back(step.label + ": " + step.runner);
+  for (const StepLabel& label : StepLabels()) names.push_back(label.operation + ": " + label.runner);
   return names;
 }
 

@@ -23,6 +23,12 @@ struct ExecutableOptions {
   LayoutPreference layout = LayoutPreference::Cheapest;
 };
 
+/// Which operation a step belongs to, and what runs it.
+struct StepLabel {
+  std::string operation;
+  std::string runner;
+};
+
 /// Runs one specialized and rewritten program. Running does not allocate (operations that run by their reference
 /// evaluation excepted) and flushes subnormal numbers on every computing thread for the time of the run.
 class Executable {
@@ -47,8 +53,9 @@ class Executable {
   [[nodiscard]] std::size_t arenaBytes() const noexcept;
   [[nodiscard]] std::size_t weightBytes() const noexcept;
 
-  /// The steps of a run in order, as "<operation>: <what runs it>", and the time that each took in one run, in
-  /// microseconds; for measurements.
+  /// The steps of a run in order, as they are and as "<operation>: <what runs it>", and the time that each took in one
+  /// run, in microseconds; for measurements.
+  [[nodiscard]] std::vector<StepLabel> StepLabels() const;
   [[nodiscard]] std::vector<std::string> StepNames() const;
   [[nodiscard]] std::vector<double> TimeSteps();
 
