@@ -21,12 +21,15 @@ class FitsBytes {
   [[nodiscard]] bool MoveTo(LONGLONG offset) {
     return file_ != nullptr && gzseek(file_.get(), static_cast<z_off_t>(offset), SEEK_SET) == offset;
   }
-  [[nodiscard]] bool Read(std::array<char, kBlockBytes>& block) {
-    return gzread(file_.get(), block.data(), static_cast<unsigned>(block.size())) == static_cast<int>(block.size());
+  /// The next block; what is left of the file if that is less.
+  [[nodiscard]] std::string_view Read() {
+    const int bytes = gzread(file_.get(), block_.data(), static_cast<unsigned>(block_.size()));
+    return {block_.data(), static_cast<std::size_t>(std::max(bytes, 0))};
   }
 
  private:
   std::unique_ptr<gzFile_s, int (*)(gzFile)> file_;
+  std::array<char, kBlockBytes> block_{};
 };
 
 /// Whether the card gives one of a tile's sizes anything but a number from 1 up, bare or in quotes. The library ignores
@@ -43,14 +46,13 @@ bool ClaimsNoPixels(std::string_view card) {
   return !(std::strtod(number.c_str(), nullptr) >= 1.0) || std::strtoll(number.c_str(), nullptr, 10) < 1;
 }
 
-/// Reads the header from here to its end.
+/// Reads the header from here to its end, which may be the file's.
 bool HeaderClaimsNoPixels(FitsBytes& bytes) {
   bool isCompressed = false;
   bool isEmpty = false;
-  std::array<char, kBlockBytes> block{};
-  while (bytes.Read(block)) {
-    for (std::size_t start = 0; start < kBlockBytes; start += kCardBytes) {
-      const std::string_view card(block.data() + start, kCardBytes);
+  for (std::string_view block = bytes.Read(); !block.empty(); block = bytes.Read()) {
+    for (; !block.empty(); block.remove_prefix(std::min(kCardBytes, block.size()))) {
+      const std::string_view card = block.substr(0, kCardBytes);
       isCompressed = isCompressed || card.starts_with("ZIMAGE");
       isEmpty = isEmpty || (card.starts_with("ZTILE") && ClaimsNoPixels(card));
       const bool isEnd = card.starts_with("END") && card.find_first_not_of(' ', 3) == std::string_view::npos;

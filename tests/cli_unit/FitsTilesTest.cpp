@@ -156,6 +156,18 @@ TEST_F(FitsTiles, TilesOfNoPixelsAreRefused) {
   }
 }
 
+/// A header's last block may be cut short.
+TEST_F(FitsTiles, TilesOfNoPixelsAreRefusedInATruncatedFile) {
+  Write(RICE_1, SHORT_IMG, 40);
+  Set("ZTILE2", "0");
+  std::ifstream file(path_, std::ios::binary);
+  const std::string all{std::istreambuf_iterator<char>(file), {}};
+  const std::size_t end = all.find("END" + std::string(77, ' '), all.find("ZTILE2"));
+  ASSERT_NE(end, std::string::npos);
+  std::filesystem::resize_file(path_, end + 80);
+  EXPECT_EQ(Failure(), "Inspecting HDUs failed for FITS image " + path_ + ": error uncompressing image");
+}
+
 TEST_F(FitsTiles, TilesOfNoPixelsAreRefusedInADeflatedFile) {
   Write(RICE_1, SHORT_IMG, 40);
   Set("ZTILE1", "0");
