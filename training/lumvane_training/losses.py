@@ -19,7 +19,11 @@ from torch.nn import functional
 
 NOISE_FLOOR = 1.5e-3
 BOX_FLOOR = 7e-4
-"""Added in squares to the noise after the stretch, of a pixel and of a box's mean: errors far below do not matter."""
+"""Added in squares to the noise after the stretch, of a pixel and of a box's mean: errors far below do not matter.
+
+Both shrink towards saturation, down to LEAST_FLOOR of themselves, because the inverse stretch magnifies errors there.
+"""
+LEAST_FLOOR = 0.1
 PIXEL_LIMIT = 2.0
 PIXEL_GOAL = 0.005
 BOX_LIMIT = 4.0
@@ -27,8 +31,8 @@ BOX_GOAL = 0.05
 """Below its goal a patch's term counts for less and less."""
 BOX_WEIGHT = 1.0
 BOX_SHARES = {2: 0.14, 4: 0.22, 8: 0.28, 16: 0.18, 32: 0.18}
-OBJECT_GAIN = 12.0
-OBJECT_CONTRAST = 10.0
+OBJECT_GAIN = 10.0
+OBJECT_CONTRAST = 6.0
 ABSOLUTE_WEIGHT = 0.5
 SMOOTHING = 1e-3
 SHIFT_WEIGHT = 4.0
@@ -68,6 +72,24 @@ def gray_patches(noisy: Tensor) -> Tensor:
     return (noisy == noisy[:, :1]).all(dim=(1, 2, 3)).to(noisy.dtype)[:, None, None, None]
 
 
+def floors(clean: Tensor) -> Tensor:
+    """Factor of the two floors: 1 up to three quarters of full range, then falling with the distance to saturation."""
+    return (4.0 * (1.0 - clean)).clamp(LEAST_FLOOR, 1.0)
+
+
+def pixel_noise(batch: Batch) -> Tensor:
+    """Deviation of the noise of each pixel after the stretch, floor included."""
+    return (batch.spread.square() + (NOISE_FLOOR * floors(batch.clean)).square()).sqrt()
+
+
+def linear_error(error: Tensor, clean: Tensor) -> Tensor:
+    """Errors after a stretch as their inverse bends them: e / (1 - e / (1 - y)), to be multiplied by the inverse's slope.
+
+    Exact for strong midtones curves, whose inverse falls off as 1 / (1 - y): too bright is worse than too dim.
+    """
+    return error / (1.0 - (error / (1.02 - clean)).clamp(-1.0, 0.5))
+
+
 def _huber(z: Tensor, limit: float) -> Tensor:
     return functional.huber_loss(z, torch.zeros_like(z), reduction="none", delta=limit)
 
@@ -92,13 +114,14 @@ def _halved(image: Tensor) -> Tensor:
     return image.view(n, c, h // 2, 2, w // 2, 2).mean(dim=(3, 5))
 
 
-def _boxes(scaled: Tensor, batch: Batch, noise: Tensor, border: Tensor, gray: Tensor) -> Tensor:
+def _boxes(error: Tensor, batch: Batch, noise: Tensor, border: Tensor, gray: Tensor) -> Tensor:
     """[n]: mean over box sizes of the Huber loss of flux errors, per channel and summed over the channels."""
-    flux, variance = scaled * batch.linear_spread, batch.linear_spread.square()
-    tolerance = variance * (BOX_FLOOR / noise).square()
+    flux = linear_error(error, batch.clean) / noise * batch.linear_spread
+    variance = batch.linear_spread.square()
+    tolerance = variance * (BOX_FLOOR * floors(batch.clean) / noise).square()
     # Equal planes carry equal noise: their sum's deviation is three planes', not the square root of three.
     share = torch.where(gray > 0, 3.0, 1.0)
-    clean, total = batch.clean, scaled.new_zeros(len(scaled))
+    clean, total = batch.clean, error.new_zeros(len(error))
     for size, part in BOX_SHARES.items():
         flux, border = _halved(flux), _halved(border)
         with torch.no_grad():
@@ -132,12 +155,12 @@ def loss_terms(output: Tensor, batch: Batch) -> dict[str, Tensor]:
     output, batch = output.contiguous(), Batch(*(t.contiguous() for t in batch))
     error = output - batch.clean
     border = border_weight(error.shape[-1], error.device)
-    noise = (batch.spread.square() + NOISE_FLOOR**2).sqrt()
+    noise = pixel_noise(batch)
     scaled = error / noise
     gray = gray_patches(batch.noisy)
     pixel = patch_mean(border * _huber(scaled, PIXEL_LIMIT))
     absolute = patch_mean(border * torch.sqrt(error.square() + SMOOTHING**2))
-    boxes = _boxes(scaled, batch, noise, border, gray)
+    boxes = _boxes(error, batch, noise, border, gray)
     apart = (output - output.mean(dim=1, keepdim=True)).abs() / noise
     return {
         "pixel": torch.log(pixel + PIXEL_GOAL).mean(),

@@ -6,7 +6,7 @@ import pytest
 
 torch = pytest.importorskip("torch")
 
-from lumvane_training import losses, network  # noqa: E402
+from lumvane_training import losses, network, stretch  # noqa: E402
 
 
 @pytest.fixture(scope="module")
@@ -73,14 +73,14 @@ def test_a_box_error_counts_in_deviations_of_the_box():
     """A shift of a tenth of the noise is 0.4 deviations of a 4 px box and 3.2 of a 32 px box."""
     clean = torch.full((2, 3, 64, 64), 0.3)
     batch = batch_of(clean, 0.1 * torch.randn_like(clean), 0.1)
-    noise = (batch.spread.square() + losses.NOISE_FLOOR**2).sqrt()
+    noise = losses.pixel_noise(batch)
     border = torch.ones(1, 1, 64, 64)
-    got = losses._boxes(0.01 / noise, batch, noise, border, losses.gray_patches(batch.noisy))
+    got = losses._boxes(torch.full_like(clean, 0.01), batch, noise, border, losses.gray_patches(batch.noisy))
     expected = 0.0
     for size, share in losses.BOX_SHARES.items():
         for channels in (1, 3):
             deviation = math.hypot(1 / size, losses.BOX_FLOOR / 0.1)
-            z = 0.1 * channels**0.5 / deviation
+            z = 0.1 / (1 - 0.01 / 0.72) * channels**0.5 / deviation
             limit = losses.BOX_LIMIT
             expected += 0.5 * share * (z * z / 2 if z < limit else limit * (z - limit / 2))
     assert got.tolist() == pytest.approx([expected] * 2, rel=0.01)
@@ -95,9 +95,23 @@ def test_the_same_error_weighs_more_where_the_stretch_is_flat():
     star = sky._replace(spread=sky.spread * (1 - 0.9 * core), linear_spread=1 + 4 * core.expand_as(clean))
     border, results = torch.ones(1, 1, 32, 32), []
     for batch in (sky, star):
-        noise = (batch.spread.square() + losses.NOISE_FLOOR**2).sqrt()
-        results.append(losses._boxes(-0.004 * core / noise, batch, noise, border, losses.gray_patches(clean)).item())
+        noise = losses.pixel_noise(batch)
+        results.append(losses._boxes(-0.004 * core.expand_as(clean), batch, noise, border, losses.gray_patches(clean)).item())
     assert results[1] > 20 * results[0] > 0
+
+
+@pytest.mark.parametrize("y, error", [(0.5, 0.01), (0.9, 0.02), (0.95, -0.02)])
+def test_errors_bend_as_a_midtones_inverse_does(y, error):
+    balance = 0.002
+    slope = (stretch.inverse_midtones(balance, y + 1e-6) - stretch.inverse_midtones(balance, y - 1e-6)) / 2e-6
+    exact = stretch.inverse_midtones(balance, y + error) - stretch.inverse_midtones(balance, y)
+    bent = losses.linear_error(torch.tensor(error), torch.tensor(y)).item()
+    assert bent * slope == pytest.approx(exact, rel=0.15)
+    assert abs(bent * slope - exact) < abs(error * slope - exact)
+
+
+def test_floors_shrink_towards_saturation():
+    assert losses.floors(torch.tensor([0.0, 0.5, 0.75, 0.9, 1.0])).tolist() == pytest.approx([1.0, 1.0, 1.0, 0.4, 0.1])
 
 
 def test_gray_term_sees_planes_apart_in_gray_patches_only():
