@@ -14,7 +14,7 @@ std::map<std::string_view, Lower> CollectLowerings() {
   for (const auto family :
        {ActivationLowerings, AttentionLowerings, CastLowerings, ConvLowerings, ElementwiseBinaryLowerings,
         ElementwiseUnaryLowerings, JoinLowerings, LinearLowerings, NormalizationLowerings, PoolLowerings,
-        RearrangeLowerings, ReductionLowerings, ReshapeLowerings, ResizeLowerings, SliceLowerings}) {
+        QuantizeLowerings, RearrangeLowerings, ReductionLowerings, ReshapeLowerings, ResizeLowerings, SliceLowerings}) {
     for (const LoweringEntry& entry : family()) {
       if (!table.emplace(entry.key, entry.lower).second) {
         throw std::logic_error("operation " + std::string(entry.key) + " has two lowerings");

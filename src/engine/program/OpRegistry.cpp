@@ -23,6 +23,7 @@ std::vector<OpDefinition> Concatenate() {
   append(ConstexprLookupOps());
   append(ConstexprOps());
   append(ConvOps());
+  append(CropResizeOps());
   append(ElementwiseBinaryOps());
   append(ElementwiseUnaryOps());
   append(GatherOps());
@@ -31,11 +32,17 @@ std::vector<OpDefinition> Concatenate() {
   append(NormalizationOps());
   append(PadOps());
   append(PoolOps());
+  append(QuantizeOps());
   append(RearrangeOps());
   append(ReductionOps());
   append(ReshapeOps());
   append(ResizeOps());
+  append(SamplingOps());
+  append(ScatterNdOps());
+  append(ScatterOps());
   append(SliceOps());
+  append(SortOps());
+  append(WindowOps());
   return all;
 }
 

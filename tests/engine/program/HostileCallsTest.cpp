@@ -83,10 +83,33 @@ class OperandSource {
   int Int(int low, int high) { return random_.Int(low, high); }
 
  private:
-  static constexpr std::array<const char*, 19> kTexts = {
-      "valid",           "same",   "same_lower",       "custom", "constant", "reflect", "replicate", "DEFAULT",
-      "ALIGN_CORNERS",   "LINEAR", "NEAREST_NEIGHBOR", "fp32",   "int32",    "uint8",   "EXACT",     "chw,whr->chr",
-      "nchw,nwhu->nchu", "",       "\xff,->"};
+  static constexpr std::array<const char*, 27> kTexts = {"valid",
+                                                         "same",
+                                                         "same_lower",
+                                                         "custom",
+                                                         "constant",
+                                                         "reflect",
+                                                         "replicate",
+                                                         "DEFAULT",
+                                                         "ALIGN_CORNERS",
+                                                         "LINEAR",
+                                                         "NEAREST_NEIGHBOR",
+                                                         "fp32",
+                                                         "int32",
+                                                         "uint8",
+                                                         "EXACT",
+                                                         "chw,whr->chr",
+                                                         "nchw,nwhu->nchu",
+                                                         "update",
+                                                         "bilinear",
+                                                         "nearest",
+                                                         "border",
+                                                         "unnormalized",
+                                                         "normalized_zero_to_one",
+                                                         "int8",
+                                                         "CENTER_SIZE_WIDTH_FIRST",
+                                                         "",
+                                                         "\xff,->"};
   static constexpr std::array<std::int32_t, 8> kInts = {INT32_MIN, INT32_MIN + 1, -100,      100,
                                                         65536,     INT32_MAX - 1, INT32_MAX, -7};
   static constexpr std::array<float, 8> kFloats = {0.0F,

@@ -17,6 +17,7 @@ std::vector<LoweringEntry> JoinLowerings();
 std::vector<LoweringEntry> LinearLowerings();
 std::vector<LoweringEntry> NormalizationLowerings();
 std::vector<LoweringEntry> PoolLowerings();
+std::vector<LoweringEntry> QuantizeLowerings();
 std::vector<LoweringEntry> RearrangeLowerings();
 std::vector<LoweringEntry> ReductionLowerings();
 std::vector<LoweringEntry> ReshapeLowerings();

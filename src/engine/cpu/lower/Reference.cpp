@@ -50,9 +50,10 @@ const std::vector<std::string_view>& ReferenceOperations() {
       "constexpr_cast", "constexpr_lut_to_dense", "constexpr_lut_to_sparse", "constexpr_sparse_blockwise_shift_scale",
       "constexpr_sparse_to_dense",
       // Not met in image networks so far.
-      "band_part", "batch_to_space", "cumsum", "einsum", "gather_along_axis", "l2_norm", "l2_pool",
-      "local_response_norm", "reduce_argmax", "reduce_argmin", "reduce_log_sum_exp", "softplus_parametric",
-      "space_to_batch"};
+      "affine", "argsort", "band_part", "batch_to_space", "crop_resize", "cumsum", "einsum", "gather_along_axis",
+      "gather_nd", "l2_norm", "l2_pool", "local_response_norm", "non_zero", "one_hot", "reduce_argmax", "reduce_argmin",
+      "reduce_log_sum_exp", "resample", "reverse_sequence", "scatter", "scatter_along_axis", "scatter_nd",
+      "slice_update", "sliding_windows", "softplus_parametric", "space_to_batch", "topk"};
   return keys;
 }
 

@@ -44,6 +44,26 @@ int OpsetNumber(const std::string& opset) {
   return number;
 }
 
+/// What to say of an operation that we do not run: why, where it is one of the package format.
+std::string WhyUnknown(std::string_view type) {
+  static constexpr std::pair<std::string_view, std::string_view> kReasons[] = {
+      {"classify", "classifiers are not supported"},
+      {"gru", "recurrent layers are not supported"},
+      {"list_", "lists of tensors are not supported"},
+      {"lstm", "recurrent layers are not supported"},
+      {"make_list", "lists of tensors are not supported"},
+      {"non_maximum_suppression", "detection of objects is not supported"},
+      {"random_", "results that differ from run to run are not supported"},
+      {"read_state", "networks that keep a state from run to run are not supported"},
+      {"rnn", "recurrent layers are not supported"},
+      {"write_state", "networks that keep a state from run to run are not supported"},
+  };
+  for (const auto& [beginning, reason] : kReasons) {
+    if (type.starts_with(beginning)) return std::string(reason);
+  }
+  return "unknown operation";
+}
+
 bool Contradicts(const TensorType& declared, const Tensor& found) {
   if (StorageOf(declared.element) != found.storage()) return true;
   if (!declared.rankKnown) return false;
@@ -117,7 +137,7 @@ class Importer {
   void AddOperation(const SourceOperation& source) {
     if (source.hasBlocks) FailHere("contains nested blocks; control flow is not supported");
     const OpDefinition* definition = FindOp(source.type);
-    if (definition == nullptr) FailHere("unknown operation");
+    if (definition == nullptr) FailHere(WhyUnknown(source.type));
     Operation operation{definition, source.name, std::vector<Operands>(definition->parameters.size()), {}, {}};
     for (const auto& [name, bindings] : source.inputs) {
       const int index = definition->IndexOf(name);

@@ -13,16 +13,6 @@
 namespace ulmora::engine::program {
 namespace {
 
-SamplingGrid GridNamed(const OpCall& call, const std::string& mode) {
-  if (mode == "DEFAULT") return SamplingGrid::Default;
-  if (mode == "STRICT_ALIGN_CORNERS") return SamplingGrid::StrictAlignCorners;
-  if (mode == "ALIGN_CORNERS") return SamplingGrid::AlignCorners;
-  if (mode == "OFFSET_CORNERS") return SamplingGrid::OffsetCorners;
-  if (mode == "UNALIGN_CORNERS") return SamplingGrid::UnalignCorners;
-  call.Fail("sampling_mode is '" + mode +
-            "', expected DEFAULT, STRICT_ALIGN_CORNERS, ALIGN_CORNERS, OFFSET_CORNERS or UNALIGN_CORNERS");
-}
-
 /// floor(size * factor). Converters write factors that were divided and rounded, so that the product may miss the
 /// intended integer; the size that the package declares for the result is believed if it is the next one.
 std::int64_t ScaledSize(const OpCall& call, std::string_view parameter, std::size_t axis) {
@@ -81,7 +71,7 @@ std::vector<ResizedAxis> ResizeAxes(const OpCall& call) {
   if (mode != "LINEAR" && mode != "NEAREST_NEIGHBOR") {
     call.Fail("interpolation_mode is '" + mode + "', expected LINEAR or NEAREST_NEIGHBOR");
   }
-  const SamplingGrid grid = GridNamed(call, call.Text("sampling_mode"));
+  const SamplingGrid grid = GridOf(call);
   const Shape& x = call.ShapeOf("x");
   const std::vector<std::int64_t> sizes = call.Ints("shape");
   const std::int64_t dims = call.Int("resized_dims");
@@ -146,6 +136,17 @@ Parameter Scale(std::string_view name) {
 
 }  // namespace
 
+SamplingGrid GridOf(const OpCall& call) {
+  const std::string mode = call.Text("sampling_mode");
+  if (mode == "DEFAULT") return SamplingGrid::Default;
+  if (mode == "STRICT_ALIGN_CORNERS") return SamplingGrid::StrictAlignCorners;
+  if (mode == "ALIGN_CORNERS") return SamplingGrid::AlignCorners;
+  if (mode == "OFFSET_CORNERS") return SamplingGrid::OffsetCorners;
+  if (mode == "UNALIGN_CORNERS") return SamplingGrid::UnalignCorners;
+  call.Fail("sampling_mode is '" + mode +
+            "', expected DEFAULT, STRICT_ALIGN_CORNERS, ALIGN_CORNERS, OFFSET_CORNERS or UNALIGN_CORNERS");
+}
+
 std::vector<ResizedAxis> ResizedAxes(const OpCall& call) {
   const std::string_view key = call.definition().key;
   if (key == "upsample_nearest_neighbor") {
@@ -155,7 +156,7 @@ std::vector<ResizedAxis> ResizedAxes(const OpCall& call) {
   // The package format does not say how this one rounds; PyTorch's nearest takes the floor.
   if (key == "resize_nearest_neighbor") return TargetAxes(call, SamplingGrid::Default, Interpolation::NearestFloor);
   if (key == "resize_bilinear") {
-    return TargetAxes(call, GridNamed(call, call.Text("sampling_mode")), Interpolation::Linear);
+    return TargetAxes(call, GridOf(call), Interpolation::Linear);
   }
   return ResizeAxes(call);
 }

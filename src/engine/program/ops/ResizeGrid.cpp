@@ -4,19 +4,16 @@
 #include <cmath>
 
 namespace ulmora::engine::program {
-namespace {
 
-double Unclamped(const ResizedAxis& axis, double i) noexcept {
-  const auto in = static_cast<double>(axis.input);
-  const auto out = static_cast<double>(axis.output);
-  switch (axis.grid) {
+double GridPosition(SamplingGrid grid, double in, double out, double i) noexcept {
+  switch (grid) {
     case SamplingGrid::Default:
       return i * in / out;
     case SamplingGrid::AlignCorners:
-      if (axis.output == 1) return (in - 1.0) / 2.0;
+      if (out == 1.0) return (in - 1.0) / 2.0;
       [[fallthrough]];
     case SamplingGrid::StrictAlignCorners:
-      return axis.output == 1 ? 0.0 : i * (in - 1.0) / (out - 1.0);
+      return out == 1.0 ? 0.0 : i * (in - 1.0) / (out - 1.0);
     case SamplingGrid::OffsetCorners:
       return (i + 0.5) * std::max(1.0, in - 1.0) / out;
     case SamplingGrid::UnalignCorners:
@@ -25,10 +22,10 @@ double Unclamped(const ResizedAxis& axis, double i) noexcept {
   return 0.0;
 }
 
-}  // namespace
-
 double GridPosition(const ResizedAxis& axis, std::int64_t i) noexcept {
-  return std::clamp(Unclamped(axis, static_cast<double>(i)), 0.0, static_cast<double>(axis.input - 1));
+  const auto in = static_cast<double>(axis.input);
+  const double position = GridPosition(axis.grid, in, static_cast<double>(axis.output), static_cast<double>(i));
+  return std::clamp(position, 0.0, in - 1.0);
 }
 
 Tap TapAt(const ResizedAxis& axis, std::int64_t i) noexcept {

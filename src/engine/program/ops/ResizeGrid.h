@@ -42,9 +42,16 @@ struct Tap {
   double weight = 0.0;
 };
 
+/// The parameter sampling_mode of a call.
+[[nodiscard]] SamplingGrid GridOf(const OpCall& call);
+
 /// The resized axes of a call of upsample_nearest_neighbor, upsample_bilinear, resize_nearest_neighbor, resize_bilinear
 /// or resize, outermost first. Fails on impossible operands.
 [[nodiscard]] std::vector<ResizedAxis> ResizedAxes(const OpCall& call);
+
+/// Position of sample i of `out` that cover `in` input samples, not clamped. `in` may be any number where a part of an
+/// axis is sampled that does not begin and end at samples.
+[[nodiscard]] double GridPosition(SamplingGrid grid, double in, double out, double i) noexcept;
 
 /// Position of output sample i, clamped.
 [[nodiscard]] double GridPosition(const ResizedAxis& axis, std::int64_t i) noexcept;

@@ -1,6 +1,6 @@
 #pragma once
-// The strided selections behind slice_by_index, slice_by_size, reverse and crop, for their shape rules, their
-// evaluation and their lowering.
+// The strided selections behind slice_by_index, slice_by_size, slice_update, reverse and crop, for their shape rules,
+// their evaluation and their lowering.
 
 #include "engine/program/OpCall.h"
 
@@ -21,5 +21,9 @@ struct SliceAxis {
 
 /// One per dimension of x. Fails on impossible operands.
 [[nodiscard]] std::vector<SliceAxis> SliceAxes(const OpCall& call);
+
+/// Offset, in a tensor of those strides, of the element that stands at `index` in the selection.
+[[nodiscard]] std::int64_t SliceOffset(const std::vector<SliceAxis>& axes, const std::vector<std::int64_t>& strides,
+                                       const Shape& index) noexcept;
 
 }  // namespace ulmora::engine::program

@@ -3,6 +3,7 @@
 #include "engine/program/ShapeMath.h"
 #include "engine/program/ops/Checks.h"
 #include "engine/program/ops/Families.h"
+#include "engine/program/ops/Indices.h"
 #include "engine/program/ops/Parameters.h"
 #include "engine/program/ops/Take.h"
 
@@ -11,16 +12,6 @@
 
 namespace ulmora::engine::program {
 namespace {
-
-/// Index `given` into a dimension of `size`. Up to opset 6 negative ones count from the end; from opset 7 they are out
-/// of bounds, and what that means is left open: we refuse, because nothing that we could return would be meant.
-std::int64_t ResolveIndex(const OpCall& call, std::int64_t given, std::int64_t size) {
-  const std::int64_t index = given < 0 && call.opset() < 7 ? given + size : given;
-  if (index < 0 || index >= size) {
-    call.Fail("index " + std::to_string(given) + " is outside a dimension of " + std::to_string(size) + " elements");
-  }
-  return index;
-}
 
 std::size_t AxisOfX(const OpCall& call) {
   return static_cast<std::size_t>(call.Axis(call.Int("axis"), call.ShapeOf("x").size()));

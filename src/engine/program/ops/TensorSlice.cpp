@@ -138,22 +138,26 @@ std::vector<TensorType> InferSlice(const OpCall& call) {
 std::vector<Tensor> EvaluateSlice(const OpCall& call) {
   const std::vector<SliceAxis> axes = SliceAxes(call);
   const std::vector<std::int64_t> strides = RowMajorStrides(call.ShapeOf("x"));
-  return {Take(call.Value("x"), InferSlice(call).front().shape, [&](const Shape& index) {
-    std::int64_t offset = 0;
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < axes.size(); ++i) {
-      const std::int64_t step = axes[i].squeezed ? 0 : index[kept++];
-      offset += (axes[i].begin + step * axes[i].stride) * strides[i];
-    }
-    return offset;
-  })};
+  return {Take(call.Value("x"), InferSlice(call).front().shape,
+               [&](const Shape& index) { return SliceOffset(axes, strides, index); })};
 }
 
 }  // namespace
 
+std::int64_t SliceOffset(const std::vector<SliceAxis>& axes, const std::vector<std::int64_t>& strides,
+                         const Shape& index) noexcept {
+  std::int64_t offset = 0;
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < axes.size(); ++i) {
+    const std::int64_t step = axes[i].squeezed ? 0 : index[kept++];
+    offset += (axes[i].begin + step * axes[i].stride) * strides[i];
+  }
+  return offset;
+}
+
 std::vector<SliceAxis> SliceAxes(const OpCall& call) {
   const std::string_view key = call.definition().key;
-  if (key == "slice_by_index") return AxesByIndex(call);
+  if (key == "slice_by_index" || key == "slice_update") return AxesByIndex(call);
   if (key == "slice_by_size") return AxesBySize(call);
   return key == "crop" ? AxesCropped(call) : AxesReversed(call);
 }

@@ -133,6 +133,16 @@ TEST(MilImport, UnknownOperationsAndControlFlow) {
   ExpectRefused(source, "cond 'y': contains nested blocks; control flow is not supported");
 }
 
+TEST(MilImport, OperationsThatWeDoNotRunSayWhy) {
+  ModelSource source = Sum();
+  source.program.operations.back().type = "random_normal";
+  ExpectRefused(source, "random_normal 'y': results that differ from run to run are not supported");
+  source.program.operations.back().type = "lstm";
+  ExpectRefused(source, "lstm 'y': recurrent layers are not supported");
+  source.program.operations.back().type = "read_state";
+  ExpectRefused(source, "read_state 'y': networks that keep a state from run to run are not supported");
+}
+
 TEST(MilImport, ParametersAreChecked) {
   ModelSource source = Sum();
   source.program.operations[1].inputs["gain"] = {"c"};
