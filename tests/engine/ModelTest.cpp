@@ -144,6 +144,32 @@ TEST(Model, ShapesThatTheNetworkCannotTakeAreFailuresOfTheRun) {
   ExpectError(Stage::Run, {"concat"}, [&] { static_cast<void>(model.BindInput({1, 3, 33, 40})); });
 }
 
+TEST(Model, TimesOfStepsAreThoseOfARun) {
+  Model model = OpenFixture("unet-flexible-float16");
+  ExpectError(Stage::Run, {"no input was given"}, [&] { static_cast<void>(model.TimeSteps()); });
+  const std::vector<float> given = FillRamp(model.BindInput({1, 3, 32, 32}));
+  const OutputView run = model.Run();
+  const std::vector<float> expected(run.data.begin(), run.data.end());
+  const std::vector<StepTime> steps = model.TimeSteps();
+  const auto isConv = [](const StepTime& step) { return step.operation.starts_with("conv '"); };
+  EXPECT_GE(std::count_if(steps.begin(), steps.end(), isConv), 8);
+  for (const StepTime& step : steps) {
+    EXPECT_FALSE(step.runner.empty()) << step.operation;
+    EXPECT_GE(step.microseconds, 0) << step.operation;
+  }
+  EXPECT_TRUE(std::equal(expected.begin(), expected.end(), model.Run().data.begin()));
+}
+
+TEST(Model, MultiplyAddsGrowWithTheImage) {
+  const Model model = OpenFixture("unet-flexible-float16");
+  const std::int64_t small = model.MultiplyAdds({1, 3, 32, 40});
+  EXPECT_GT(small, 32 * 40 * 8 * 8 * 9);
+  EXPECT_EQ(model.MultiplyAdds({1, 3, 64, 80}), 4 * small);
+  ExpectError(Stage::Run, {"expected [1, 3, ?, ?]"}, [&] { static_cast<void>(model.MultiplyAdds({1, 4, 32, 40})); });
+  const Model two = OpenFixture("two-outputs");
+  EXPECT_EQ(two.MultiplyAdds({1, 3, 32, 40}), 0);
+}
+
 TEST(Model, UnknownOperationIsRefusedOnOpening) {
   ExpectError(Stage::Translate, {"frobnicate 'op_3': unknown operation"}, [] { OpenFixture("unknown-operation"); });
 }
