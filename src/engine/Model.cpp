@@ -7,10 +7,12 @@
 #include "engine/program/import/MilImport.h"
 #include "engine/program/passes/Pipeline.h"
 
-#include <algorithm>
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace ulmora::engine {
@@ -22,14 +24,16 @@ using program::ValueId;
 /// The program's values that the described features name, in the order of the description: a caller knows no other.
 std::vector<ValueId> InOrderOf(const std::vector<Feature>& features, const Program& program,
                                const std::vector<ValueId>& values, const char* what) {
+  std::unordered_map<std::string_view, ValueId> byName;
+  for (const ValueId id : values) byName.emplace(program.at(id).name, id);
   std::vector<ValueId> ordered;
   for (const Feature& feature : features) {
-    const auto found = std::ranges::find_if(values, [&](ValueId id) { return program.at(id).name == feature.name; });
-    if (found == values.end()) {
+    const auto found = byName.find(feature.name);
+    if (found == byName.end()) {
       throw Error(Stage::Translate,
                   std::string("the description has an ") + what + " '" + feature.name + "' that the program lacks");
     }
-    ordered.push_back(*found);
+    ordered.push_back(found->second);
   }
   return ordered;
 }
@@ -37,8 +41,9 @@ std::vector<ValueId> InOrderOf(const std::vector<Feature>& features, const Progr
 /// Makes the program's interface that of the description.
 void AlignInterface(Program& program, const package::ModelSource& source) {
   std::vector<ValueId> inputs = InOrderOf(source.inputs, program, program.inputs, "input");
+  const std::unordered_set<ValueId> described(inputs.begin(), inputs.end());
   for (const ValueId id : program.inputs) {
-    if (std::ranges::find(inputs, id) == inputs.end()) {
+    if (!described.contains(id)) {
       throw Error(Stage::Translate,
                   "the program has an input '" + program.at(id).name + "' that the description lacks");
     }

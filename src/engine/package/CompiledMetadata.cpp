@@ -147,9 +147,6 @@ CompiledMetadata Read(const Value& document) {
   const Struct& object = document.list_value().values(0).struct_value();
   CompiledMetadata result;
   result.specificationVersion = VersionOf(object);
-  if (const Value* type = Find(object, "modelType"); type != nullptr && type->has_struct_value()) {
-    result.modelType = TextOf(type->struct_value(), "name");
-  }
   result.functionName = TextOf(object, "defaultFunctionName");
   const Struct& interface = InterfaceOf(object, result.functionName);
   result.inputs = ReadFeatures(interface, "inputSchema");

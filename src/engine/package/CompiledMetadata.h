@@ -14,7 +14,6 @@ namespace ulmora::engine::package {
 /// What the file says. All of it may be absent; the program itself says enough to be run.
 struct CompiledMetadata {
   std::int64_t specificationVersion = 0;  ///< 0 if it is not said
-  std::string modelType;                  ///< "MLModelType_mlProgram"
   std::string functionName;               ///< of the default function; empty if it is not said
   std::vector<Feature> inputs;
   std::vector<Feature> outputs;

@@ -30,7 +30,6 @@ TEST_F(CompiledMetadataTest, EverythingThatIsUsed) {
     "outputSchema": [{"name": "out", "type": "MultiArray", "dataType": "Float16", "shape": "[]"}],
     "mlProgramOperationTypeHistogram": {"Ios16.mul": 1}}])");
   EXPECT_EQ(metadata.specificationVersion, 7);
-  EXPECT_EQ(metadata.modelType, "MLModelType_mlProgram");
   EXPECT_TRUE(metadata.functionName.empty());
   ASSERT_EQ(metadata.inputs.size(), 3U);
   EXPECT_EQ(metadata.inputs[0].name, "image");
