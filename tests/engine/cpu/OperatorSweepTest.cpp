@@ -152,6 +152,27 @@ TEST(OperatorSweep, Select) {
   });
 }
 
+TEST(OperatorSweep, Quantization) {
+  ForSeeds([](Random& random) {
+    const Shape shape = RandomImage(random);
+    const bool perChannel = random.Coin();
+    OpCase c{"quantize", {{"input", {random.Floats(shape, -3.0F, 3.0F)}}}, {}, 7};
+    c.constants.emplace("scale", perChannel ? random.Floats({shape[1]}, 0.01F, 0.03F) : Tensor::Float(0.02F));
+    if (perChannel) c.constants.emplace("axis", Tensor::Int(1));
+    c.constants.emplace("output_dtype", Tensor::Text(random.Coin() ? "int8" : "uint8"));
+    ExpectSame(c);
+  });
+  program::ProgramBuilder builder(7);
+  const program::ValueId x = builder.Input("x", {1, 16, 4, 5});
+  const program::ValueId scale = builder.Constant(Tensor::Float(0.05F));
+  const program::ValueId dtype = builder.Constant(Tensor::Text("int8"));
+  const program::ValueId q = builder.Call("quantize", {{"input", {x}}, {"scale", {scale}}, {"output_dtype", {dtype}}},
+                                          {ElementType::Int8, {1, 16, 4, 5}, true});
+  builder.Output(builder.Call("dequantize", {{"input", {q}}, {"scale", {scale}}}));
+  Random random(9);
+  ExpectSame(program::Specialize(builder.program, {{1, 16, 4, 5}}), random.Floats({1, 16, 4, 5}));
+}
+
 TEST(OperatorSweep, Casts) {
   const Tensor x = Tensor::Floats({2, 2}, {-1.7F, 0.0F, 2.5F, 9.9F});
   for (const std::string type : {"fp16", "fp32", "int32", "bool"}) {

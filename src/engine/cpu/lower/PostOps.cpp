@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <string_view>
+#include <vector>
 
 namespace ulmora::engine::cpu {
 namespace {
@@ -23,8 +24,7 @@ class Builder {
     if (const std::optional<TensorStep> combination = TensorStepOf(call_, step)) return AppendTensor(*combination);
     const std::optional<std::vector<Eltwise>> functions = FunctionsOf(call_, step);
     if (!functions) return false;
-    for (const Eltwise& function : *functions) AppendFunction(function);
-    return true;
+    return std::ranges::all_of(*functions, [this](const Eltwise& function) { return AppendFunction(function); });
   }
 
   PostOps Finish() {
@@ -35,7 +35,17 @@ class Builder {
  private:
   static const std::map<std::string_view, algorithm> kBinary;
 
-  void AppendFunction(const Eltwise& function) { onednn::AppendEltwise(list_, function); }
+  /// The library of version 2 keeps one set of parameters for each function: of two different ones of a kind, both
+  /// would run as the first.
+  bool AppendFunction(const Eltwise& function) {
+    const auto clashes = [&function](const Eltwise& other) {
+      return other.algorithm == function.algorithm && (other.alpha != function.alpha || other.beta != function.beta);
+    };
+    if (std::ranges::any_of(functions_, clashes)) return false;
+    functions_.push_back(function);
+    onednn::AppendEltwise(list_, function);
+    return true;
+  }
 
   bool AppendTensor(const TensorStep& step) {
     const program::ValueId other = step.other;
@@ -44,7 +54,7 @@ class Builder {
     algorithm operation = kBinary.at(step.key);
     if (!step.previousFirst && step.key == "real_div") return false;
     if (!step.previousFirst && step.key == "sub") {
-      AppendFunction({algorithm::eltwise_linear, -1.0F, 0.0F});
+      if (!AppendFunction({algorithm::eltwise_linear, -1.0F, 0.0F})) return false;
       operation = algorithm::binary_add;
     }
     const bool isConstant = call_.program.at(other).constant.has_value();
@@ -83,6 +93,7 @@ class Builder {
   const PostOpsTarget& target_;
   const Shape& shape_;
   dnnl::post_ops list_;
+  std::vector<Eltwise> functions_;
   PostOps result_;
 };
 
