@@ -17,6 +17,8 @@ std::string NameOfForm(package::BundleForm form) {
       return "package (.mlpackage)";
     case package::BundleForm::Compiled:
       return "compiled model (.mlmodelc)";
+    case package::BundleForm::SingleFile:
+      return "single file (.mlmodel)";
   }
   return "model";
 }
@@ -47,11 +49,14 @@ Inspection Inspect(const std::filesystem::path& path) {
   Inspection result;
   result.bundle = NameOfForm(package::OpenBundle(path).form);
   package::ModelSource source = package::ReadModel(path);
-  result.type = "ML program";
+  result.type = source.network ? "neural network" : "ML program";
   result.specificationVersion = source.specificationVersion;
   result.operationSet = source.program.opset;
   for (const package::SourceOperation& operation : source.program.operations) {
     if (operation.type != "const") ++result.operations[operation.type];
+  }
+  if (source.network) {
+    for (const package::SourceLayer& layer : source.network->layers) ++result.operations[layer.kind];
   }
   result.weights = WeightFormsOf(source.program);
   result.inputs = std::move(source.inputs);

@@ -5,6 +5,7 @@
 #include "engine/program/MultiplyAdds.h"
 #include "engine/program/Specialize.h"
 #include "engine/program/import/MilImport.h"
+#include "engine/program/import/NeuralNetworkImport.h"
 #include "engine/program/passes/Pipeline.h"
 
 #include <new>
@@ -80,7 +81,7 @@ struct Model::State {
 Model::Model(const std::filesystem::path& path) : state_(std::make_unique<State>()) {
   try {
     package::ModelSource source = package::ReadModel(path);
-    state_->program = program::ImportMil(source);
+    state_->program = source.network ? program::ImportNeuralNetwork(source) : program::ImportMil(source);
     AlignInterface(state_->program, source);
     state_->inputs = std::move(source.inputs);
     state_->outputs = std::move(source.outputs);

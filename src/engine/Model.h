@@ -34,7 +34,7 @@ struct StepTime {
 /// threads of the process's OpenMP pool.
 class Model {
  public:
-  /// Opens a .mlpackage or .mlmodelc directory. Throws Error with Stage Open, Translate or Load.
+  /// Opens a .mlpackage or .mlmodelc directory, or a .mlmodel file. Throws Error with Stage Open, Translate or Load.
   explicit Model(const std::filesystem::path& path);
   ~Model();
   Model(Model&&) noexcept;

@@ -74,6 +74,30 @@ def test_the_ending_of_a_compiled_model_is_exact(lumvane, image, tmp_path):
     assert text == f"{COMPILE}'{bundle}' is a compiled model, expected the ending .mlmodelc"
 
 
+def test_a_network_of_layers_in_a_single_file_denoises_like_the_program_made_of_the_same_module(
+    lumvane, image, tmp_path
+):
+    single = lumvane.denoise(image, "single.png", weights=PACKAGES / "layers-unet-flexible.mlmodel")
+    assert single.status == 0, single.err
+    program = lumvane.denoise(image, "program.png", weights=PACKAGES / "unet-flexible-float16.mlpackage")
+    assert program.status == 0, program.err
+    found = load(tmp_path / "single.png").astype(int)
+    assert found.shape == (512, 512, 3)
+    assert np.abs(found - load(tmp_path / "program.png")).max() <= 1
+    assert np.abs(found - load(image)).max() > 1
+
+
+def test_a_single_file_of_noise_is_refused(lumvane, image, tmp_path):
+    (tmp_path / "noise.mlmodel").write_bytes(random.Random(5).randbytes(300))
+    assert refusal(lumvane.denoise(image, "out.png", weights="noise.mlmodel")).startswith(COMPILE)
+
+
+def test_a_network_of_layers_for_another_size_fails_as_a_prediction(lumvane, image):
+    run = lumvane.denoise(image, "out.png", weights=PACKAGES / "layers-dncnn-version1.mlmodel")
+    assert run.failure().startswith("CoreML prediction failed: ")
+    assert "expected [1, 3, 32, 40]" in run.failure()
+
+
 def test_two_outputs_are_refused_at_opening(lumvane, image):
     run = lumvane.denoise(image, "out.png", weights=PACKAGES / "two-outputs.mlpackage")
     assert refusal(run) == "CoreML model must expose exactly one input and one output."

@@ -5,6 +5,7 @@
 #include "engine/program/Interpret.h"
 #include "engine/program/Specialize.h"
 #include "engine/program/import/MilImport.h"
+#include "engine/program/import/NeuralNetworkImport.h"
 #include "tests/engine/package/PackageTesting.h"
 
 #include <gtest/gtest.h>
@@ -33,13 +34,16 @@ void PrintTo(const Recorded& recorded, std::ostream* stream) {
 }
 
 std::vector<Recorded> AllRecorded() {
-  std::ifstream stream(Fixtures() / "recorded.txt");
   std::vector<Recorded> all;
-  for (std::string line; std::getline(stream, line);) {
-    if (line.starts_with('#')) continue;
-    Recorded recorded;
-    std::istringstream(line) >> recorded.name >> recorded.tolerance;
-    all.push_back(recorded);
+  for (const char* list : {"recorded.txt", "recorded-neural-networks.txt"}) {
+    std::ifstream stream(Fixtures() / list);
+    for (std::string line; std::getline(stream, line);) {
+      if (line.starts_with('#')) continue;
+      Recorded recorded;
+      std::istringstream(line) >> recorded.name >> recorded.tolerance;
+      if (std::filesystem::exists(Fixtures() / (recorded.name + ".mlmodel"))) recorded.ending = ".mlmodel";
+      all.push_back(recorded);
+    }
   }
   return all;
 }
@@ -52,6 +56,10 @@ std::vector<Recorded> AllCompiled() {
     return !std::filesystem::exists(Fixtures() / (recorded.name + recorded.ending));
   });
   return compiled;
+}
+
+program::Program Import(const package::ModelSource& source) {
+  return source.network ? program::ImportNeuralNetwork(source) : program::ImportMil(source);
 }
 
 std::vector<float> ReadFloats(const std::string& name) {
@@ -98,7 +106,7 @@ TEST_P(RecordedNetworks, CompiledNetworkGivesTheRecordedOutput) {
 }
 
 TEST_P(RecordedNetworks, ReferenceEvaluationGivesTheRecordedOutput) {
-  const program::Program imported = program::ImportMil(package::ReadModel(path_));
+  const program::Program imported = Import(package::ReadModel(path_));
   const program::Program specialized = program::Specialize(imported, {kShape});
   const Tensor output = program::Interpret(specialized, Tensor::Floats(kShape, input_));
   EXPECT_EQ(output.shape(), kShape);
@@ -115,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(All, RecordedNetworks, ::testing::ValuesIn(AllRecorded(
 INSTANTIATE_TEST_SUITE_P(Compiled, RecordedNetworks, ::testing::ValuesIn(AllCompiled()), NameOfCase);
 
 TEST(RecordedNetworksList, IsNotEmpty) {
-  EXPECT_GE(AllRecorded().size(), 14U);
+  EXPECT_GE(AllRecorded().size(), 27U);
   EXPECT_GE(AllCompiled().size(), 7U);
 }
 

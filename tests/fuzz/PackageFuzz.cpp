@@ -2,11 +2,12 @@
 // or it opens. make_package_corpus.py makes seeds from the committed packages.
 //
 // Input: u32 little-endian length of the model message, the message, and the weight file to the end. A length of
-// 0xFFFFFFFF makes the rest the manifest of an otherwise good package.
+// 0xFFFFFFFF makes the rest the manifest of an otherwise good package, 0xFFFFFFFE a single-file model.
 
 #include "engine/Error.h"
 #include "engine/package/ReadModel.h"
 #include "engine/program/import/MilImport.h"
+#include "engine/program/import/NeuralNetworkImport.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <algorithm>
@@ -23,6 +24,7 @@ namespace fs = std::filesystem;
 using ulmora::engine::Error;
 
 constexpr std::uint32_t kManifestOnly = 0xFFFFFFFF;
+constexpr std::uint32_t kSingleFile = 0xFFFFFFFE;
 constexpr std::string_view kManifest =
     R"({"fileFormatVersion": "1.0.0", "rootModelIdentifier": "M", "itemInfoEntries": {"M": {"path": "m/model"}}})";
 
@@ -42,7 +44,10 @@ class Package {
     Write(Model().parent_path() / "weights" / "weight.bin", weights);
   }
 
+  void SetFile(std::string_view message) const { Write(file(), message); }
+
   [[nodiscard]] fs::path path() const { return folder_.Path("fuzz.mlpackage"); }
+  [[nodiscard]] fs::path file() const { return folder_.Path("fuzz.mlmodel"); }
 
  private:
   [[nodiscard]] fs::path Model() const { return path() / "Data" / "m" / "model"; }
@@ -50,16 +55,30 @@ class Package {
   ulmora::test::TemporaryFolder folder_;
 };
 
-void SetFiles(const Package& package, std::string_view input) {
+/// Writes the files and returns the path that is to be opened.
+fs::path SetFiles(const Package& package, std::string_view input) {
   std::uint32_t length = 0;
   for (std::size_t i = 0; i < 4; ++i)
     length |= static_cast<std::uint32_t>(static_cast<unsigned char>(input[i])) << (8 * i);
   input.remove_prefix(4);
+  if (length == kSingleFile) {
+    package.SetFile(input);
+    return package.file();
+  }
   if (length == kManifestOnly) {
     package.Set(input, "", "");
   } else {
     const std::string_view message = input.substr(0, std::min<std::size_t>(length, input.size()));
     package.Set(kManifest, message, input.substr(message.size()));
+  }
+  return package.path();
+}
+
+void Import(const ulmora::engine::package::ModelSource& source) {
+  if (source.network) {
+    static_cast<void>(ulmora::engine::program::ImportNeuralNetwork(source));
+  } else {
+    static_cast<void>(ulmora::engine::program::ImportMil(source));
   }
 }
 
@@ -68,9 +87,9 @@ void SetFiles(const Package& package, std::string_view input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 4) return 0;
   static const Package package;
-  SetFiles(package, {reinterpret_cast<const char*>(data), size});
+  const fs::path model = SetFiles(package, {reinterpret_cast<const char*>(data), size});
   try {
-    static_cast<void>(ulmora::engine::program::ImportMil(ulmora::engine::package::ReadModel(package.path())));
+    Import(ulmora::engine::package::ReadModel(model));
   } catch (const Error& error) {
     const std::string_view text = error.what();
     if (text.empty() || text.find('\n') != std::string_view::npos) {

@@ -17,6 +17,8 @@ def main():
         weights = data / "weights" / "weight.bin"
         rest = weights.read_bytes() if weights.exists() else b""
         (corpus / package.stem).write_bytes(struct.pack("<I", len(message)) + message + rest)
+    for model in sorted(PACKAGES.glob("*.mlmodel")):
+        (corpus / model.stem).write_bytes(b"\xfe\xff\xff\xff" + model.read_bytes())
     manifest = (PACKAGES / "identity.mlpackage" / "Manifest.json").read_bytes()
     (corpus / "manifest").write_bytes(b"\xff\xff\xff\xff" + manifest)
 

@@ -78,8 +78,10 @@ Bundle OpenBundle(const fs::path& path) {
   }
   if (error) throw Error(Stage::Open, "cannot examine " + Quoted(path.string()) + ": " + error.message());
   if (fs::is_directory(status)) return HasCompiledEnding(path) ? OpenCompiled(path) : OpenPackage(path);
-  if (path.extension() == ".mlmodel") Fail(path, "is a single-file model (.mlmodel), expected a package (.mlpackage)");
-  Fail(path, "is not a directory, expected a package (.mlpackage) or a compiled model (.mlmodelc)");
+  // A single file is the model message itself, with all that belongs to it inside.
+  if (path.extension() == ".mlmodel") return {path, BundleForm::SingleFile};
+  Fail(path,
+       "is not a directory, expected a package (.mlpackage), a compiled model (.mlmodelc) or a single file (.mlmodel)");
 }
 
 }  // namespace ulmora::engine::package

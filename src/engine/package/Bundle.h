@@ -8,8 +8,9 @@
 namespace ulmora::engine::package {
 
 enum class BundleForm : std::uint8_t {
-  Package,   ///< .mlpackage: manifest, model message, weight file
-  Compiled,  ///< .mlmodelc: textual program, weight file, description
+  Package,     ///< .mlpackage: manifest, model message, weight file
+  Compiled,    ///< .mlmodelc: textual program, weight file, description
+  SingleFile,  ///< .mlmodel: model message
 };
 
 /// The files of one bundle.
@@ -27,9 +28,9 @@ struct Bundle {
 /// count.
 [[nodiscard]] bool HasCompiledEnding(const std::filesystem::path& path);
 
-/// Finds the model of the bundle at `path`: the textual program if the path has the ending of compiled bundles, else
-/// what the manifest of a package says. Throws Error(Open) if there is nothing at the path, or if it is something else
-/// than its ending promises, saying what it is.
+/// Finds the model of the bundle at `path`: the textual program if the path has the ending of compiled bundles, a
+/// .mlmodel file itself, else what the manifest of a package says. Throws Error(Open) if there is nothing at the path,
+/// or if it is something else than its ending promises, saying what it is.
 [[nodiscard]] Bundle OpenBundle(const std::filesystem::path& path);
 
 }  // namespace ulmora::engine::package

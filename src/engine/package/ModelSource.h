@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
@@ -42,13 +43,35 @@ struct SourceProgram {
   std::vector<std::string> outputs;
 };
 
-/// Everything of an ML-program model that the engine uses.
+/// One layer of a neural network as written.
+struct SourceLayer {
+  std::string kind;  ///< the format's name, "convolution"; empty if it has none
+  std::string name;  ///< informative
+  std::vector<std::string> inputs;
+  std::vector<std::string> outputs;
+  std::vector<std::int32_t> outputRanks;  ///< of the first outputs, where the layer tells them; a hint
+  std::map<std::string, Tensor> parameters;
+};
+
+/// A network of the older type: layers in an order in which they can run.
+struct SourceNetwork {
+  /// True if arrays of the interface are taken as they are; else they become [sequence, batch, C, H, W].
+  bool exactArrays = false;
+  bool exactImages = false;  ///< the same for images: [1, C, H, W], or [1, 1, C, H, W]
+  /// As the network takes them, but never with a sequence: [C] and [C, H, W] that are not taken as they are stand as
+  /// [1, C, 1, 1] and [1, C, H, W]. Features of the model have the same form.
+  std::vector<NamedType> inputs;
+  std::vector<SourceLayer> layers;
+};
+
+/// Everything of a model that the engine uses.
 struct ModelSource {
   std::int64_t specificationVersion = 0;
   std::vector<Feature> inputs;
   std::vector<Feature> outputs;
   std::map<std::string, std::string> metadata;  ///< author, license, versionString, shortDescription and user-defined
   SourceProgram program;
+  std::optional<SourceNetwork> network;  ///< set for neural networks, which have no program
 };
 
 }  // namespace ulmora::engine::package

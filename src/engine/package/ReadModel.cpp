@@ -5,6 +5,7 @@
 #include "engine/package/ConstantReader.h"
 #include "engine/package/DescriptionReader.h"
 #include "engine/package/ModelMessage.h"
+#include "engine/package/NeuralNetworkReader.h"
 #include "engine/package/ProgramReader.h"
 #include "engine/package/Text.h"
 #include "schema/Model.pb.h"
@@ -25,6 +26,22 @@ const char* KindName(coreml::Model::TypeCase kind) {
       return "pipelineRegressor";
     case Model::kPipeline:
       return "pipeline";
+    case Model::kGlmRegressor:
+      return "glmRegressor";
+    case Model::kSupportVectorRegressor:
+      return "supportVectorRegressor";
+    case Model::kTreeEnsembleRegressor:
+      return "treeEnsembleRegressor";
+    case Model::kBayesianProbitRegressor:
+      return "bayesianProbitRegressor";
+    case Model::kGlmClassifier:
+      return "glmClassifier";
+    case Model::kSupportVectorClassifier:
+      return "supportVectorClassifier";
+    case Model::kTreeEnsembleClassifier:
+      return "treeEnsembleClassifier";
+    case Model::kKNearestNeighborsClassifier:
+      return "kNearestNeighborsClassifier";
     case Model::kNeuralNetworkRegressor:
       return "neuralNetworkRegressor";
     case Model::kNeuralNetworkClassifier:
@@ -48,16 +65,38 @@ const char* KindName(coreml::Model::TypeCase kind) {
   }
 }
 
+/// Neural networks exist since the first version of the format. What a version adds that is not known is refused by its
+/// name, but a number far from the known ones is damage.
+void CheckVersion(std::int64_t version) {
+  constexpr std::int64_t kNewest = 10;
+  if (version >= 1 && version <= kNewest) return;
+  throw Error(Stage::Translate, "the model is of specification version " + std::to_string(version) +
+                                    ", expected 1 to " + std::to_string(kNewest));
+}
+
+void ReadNetwork(const coreml::Model& model, const Bundle& bundle, Description& description, ModelSource& source) {
+  if (model.has_neuralnetwork()) {
+    CheckVersion(source.specificationVersion);
+    if (model.description().functions_size() > 0) {
+      throw Error(Stage::Translate, "the model is a neural network, but describes functions");
+    }
+    source.network = ReadNeuralNetwork(model.neuralnetwork());
+    ReadNetworkInterface(model.description(), description, *source.network);
+    return;
+  }
+  ConstantReader constants(bundle);
+  source.program = ReadProgram(model.mlprogram(), description.functionName, constants);
+}
+
 ModelSource Convert(const coreml::Model& model, const Bundle& bundle) {
-  if (!model.has_mlprogram()) {
+  if (!model.has_mlprogram() && !model.has_neuralnetwork()) {
     throw Error(Stage::Translate, "the model is of type " + std::string(KindName(model.Type_case())) +
-                                      ", expected an ML program (mlProgram)");
+                                      ", expected an ML program (mlProgram) or a neural network (neuralNetwork)");
   }
   Description description = ReadDescription(model.description());
-  ConstantReader constants(bundle);
   ModelSource source;
   source.specificationVersion = model.specificationversion();
-  source.program = ReadProgram(model.mlprogram(), description.functionName, constants);
+  ReadNetwork(model, bundle, description, source);
   source.inputs = std::move(description.inputs);
   source.outputs = std::move(description.outputs);
   source.metadata = std::move(description.metadata);

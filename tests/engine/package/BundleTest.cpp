@@ -54,7 +54,6 @@ TEST(OpenBundle, SaysWhatElseItFound) {
   folder.Write("file.mlmodelc", "x");
   folder.Write("compiled.mlpackage/model.mil", "program(1.0)");
   folder.Write("older.MLMODELC/coremldata.bin", "x");
-  folder.Write("single.mlmodel", "x");
   folder.Write("text.mlpackage", "x");
   folder.Write("folder.mlpackage/readme", "x");
   const std::pair<const char*, const char*> cases[] = {
@@ -64,16 +63,21 @@ TEST(OpenBundle, SaysWhatElseItFound) {
       {"other.mlmodelc", "is a compiled model of another kind, expected a compiled ML program"},
       {"renamed.mlmodelc", "is a package under the name of a compiled model, expected the ending .mlpackage"},
       {"empty.mlmodelc", "holds no model.mil, expected a compiled ML program"},
-      {"file.mlmodelc", "is not a directory, expected a package (.mlpackage) or a compiled model (.mlmodelc)"},
+      {"file.mlmodelc", "is not a directory, expected a package (.mlpackage), a compiled model (.mlmodelc)"},
       {"compiled.mlpackage", "is a compiled model, expected the ending .mlmodelc"},
       {"older.MLMODELC", "is a compiled model, expected the ending .mlmodelc"},
-      {"single.mlmodel", "is a single-file model (.mlmodel), expected a package"},
       {"text.mlpackage", "is not a directory, expected a package"},
       {"folder.mlpackage", "holds no Manifest.json"},
   };
   for (const auto& [name, text] : cases) {
     ExpectError(Stage::Open, {name, text}, [&, name = name] { static_cast<void>(OpenBundle(folder.path() / name)); });
   }
+}
+
+TEST(OpenBundle, SingleFileIsTheModelItself) {
+  const TemporaryFolder folder;
+  const fs::path file = folder.Write("single.mlmodel", "x");
+  EXPECT_EQ(OpenBundle(file).model, file);
 }
 
 class WeightFileOfBundle : public ::testing::Test {

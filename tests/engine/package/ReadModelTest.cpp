@@ -121,12 +121,12 @@ TEST(ReadModel, OtherTypesOfModelsAreNamed) {
     const TemporaryFolder folder;
     coreml::Model model = IdentityModel();
     set(model);
-    ExpectError(
-        Stage::Translate,
-        {"model.mlmodel'", std::string("the model is of type ") + name + ", expected an ML program (mlProgram)"},
-        [&] { static_cast<void>(ReadModel(WritePackage(folder, model))); });
+    ExpectError(Stage::Translate,
+                {"model.mlmodel'", std::string("the model is of type ") + name +
+                                       ", expected an ML program (mlProgram) or a neural network (neuralNetwork)"},
+                [&] { static_cast<void>(ReadModel(WritePackage(folder, model))); });
   };
-  expectNamed("neuralNetwork", [](coreml::Model& model) { model.mutable_neuralnetwork(); });
+  expectNamed("neuralNetworkRegressor", [](coreml::Model& model) { model.mutable_neuralnetworkregressor(); });
   expectNamed("neuralNetworkClassifier", [](coreml::Model& model) { model.mutable_neuralnetworkclassifier(); });
   expectNamed("pipeline", [](coreml::Model& model) { model.mutable_pipeline(); });
   expectNamed("unknown", [](coreml::Model& model) { model.clear_mlprogram(); });
@@ -154,6 +154,29 @@ TEST(ReadModel, NewestOperationSetInADefaultFunctionOfAnotherName) {
   EXPECT_EQ(source.program.operations.size(), 1U);
   EXPECT_EQ(source.inputs.at(0).name, "x");
   EXPECT_EQ(source.outputs.at(0).name, "y");
+}
+
+TEST(ReadModel, ASingleFileMayHoldAProgram) {
+  const TemporaryFolder folder;
+  const std::filesystem::path file = folder.Write("program.mlmodel", IdentityModel().SerializeAsString());
+  const ModelSource source = ReadModel(file);
+  EXPECT_FALSE(source.network);
+  EXPECT_EQ(source.program.operations.size(), 1U);
+}
+
+TEST(ReadModel, WeightsOfAProgramInASingleFileLieBesideIt) {
+  const TemporaryFolder folder;
+  coreml::Model model = IdentityModel();
+  coreml::Value& value = AddConst(model, "weight", coreml::FLOAT16, {4});
+  value.mutable_blobfilevalue()->set_filename("@model_path/weights/weight.bin");
+  value.mutable_blobfilevalue()->set_offset(64);
+  const std::filesystem::path file = folder.Write("program.mlmodel", model.SerializeAsString());
+  ExpectError(Stage::Load, {"weight file '@model_path/weights/weight.bin' is missing"},
+              [&] { static_cast<void>(ReadModel(file)); });
+  WeightFileBuilder weights;
+  weights.Add(1, LittleEndian(0, 8));
+  folder.Write("weights/weight.bin", weights.bytes());
+  EXPECT_NO_THROW(static_cast<void>(ReadModel(file)));
 }
 
 TEST(ReadModel, MessagesNameFileOperationAndRecord) {
