@@ -22,18 +22,18 @@ using google::protobuf::Value;
   throw Error(Stage::Open, message);
 }
 
-const Value& Member(const Struct& object, const std::string& key, Value::KindCase kind, const char* kindName) {
-  const auto found = object.fields().find(key);
+const Value& Member(const Struct& object, std::string_view key, Value::KindCase kind, const char* kindName) {
+  const auto found = object.fields().find(std::string(key));
   if (found == object.fields().end()) Fail("has no " + Quoted(key) + ", expected " + kindName);
   if (found->second.kind_case() != kind) Fail(Quoted(key) + " is not " + kindName);
   return found->second;
 }
 
-const std::string& Text(const Struct& object, const std::string& key) {
+const std::string& Text(const Struct& object, std::string_view key) {
   return Member(object, key, Value::kStringValue, "a string").string_value();
 }
 
-const Struct& Object(const Struct& object, const std::string& key) {
+const Struct& Object(const Struct& object, std::string_view key) {
   return Member(object, key, Value::kStructValue, "an object").struct_value();
 }
 
