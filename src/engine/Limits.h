@@ -45,6 +45,9 @@ inline constexpr std::int64_t kMaxValues = 1'000'000;
 /// Results of one operation, and operands of one variadic parameter: split and concat of single channels.
 inline constexpr std::int64_t kMaxOperands = 65'536;
 
+/// Shapes that the description of one input may list. Core ML itself takes 128; more cost nothing but time to compare.
+inline constexpr int kMaxEnumeratedShapes = 4'096;
+
 /// Elements that constant folding may produce in one result, besides as many as all constants of the package hold.
 /// Shape arithmetic and small tables need thousands, the attention masks of a network with windows, for one tile, 2^24
 /// (64 MiB). What is not folded stays in the program and runs with it.

@@ -63,6 +63,15 @@ void RequireOneTensor(const std::vector<Feature>& features, const char* what) {
   }
 }
 
+/// The program may be able to run more shapes than its author promises; what lies beyond was never meant to work. How
+/// tensors of another rank than the declared one are taken, only the program knows.
+void RequireDeclaredShape(const Feature& input, const Shape& shape) {
+  const std::size_t rank = input.enumerated.empty() ? input.ranges.size() : input.enumerated.front().size();
+  if (shape.size() != rank || Accepts(input, shape)) return;
+  throw Error(Stage::Run,
+              "input '" + input.name + "' has shape " + ToString(shape) + ", expected " + DescribeAccepted(input));
+}
+
 cpu::Executable Compile(const Program& source, const Shape& shape) {
   Program specialized = program::Specialize(source, {shape});
   program::Rewrite(specialized);
@@ -108,6 +117,7 @@ std::span<float> Model::BindInput(const Shape& shape) {
   RequireOneTensor(state_->inputs, "input");
   RequireOneTensor(state_->outputs, "output");
   executable.reset();  // the old arena goes before the new one comes
+  RequireDeclaredShape(state_->inputs.front(), shape);
   try {
     executable.emplace(Compile(state_->program, shape));
   } catch (const Error& error) {

@@ -134,7 +134,9 @@ TEST(Model, ShapesThatDoNotFitAreFailuresOfTheRun) {
 TEST(Model, AFailedBindLeavesNothingToRun) {
   Model model = OpenFixture("identity");
   static_cast<void>(model.BindInput({1, 3, 16, 16}));
-  ExpectError(Stage::Run, {"expected [1, 3, ?, ?]"}, [&] { static_cast<void>(model.BindInput({1, 4, 16, 16})); });
+  ExpectError(Stage::Run, {"expected [1, 3, 8 to 1024, 8 to 1024]"}, [&] {
+    static_cast<void>(model.BindInput({1, 4, 16, 16}));
+  });
   ExpectError(Stage::Run, {"no input was given"}, [&] { static_cast<void>(model.Run()); });
 }
 
@@ -170,6 +172,36 @@ TEST(Model, MultiplyAddsGrowWithTheImage) {
   EXPECT_EQ(two.MultiplyAdds({1, 3, 32, 40}), 0);
 }
 
+TEST(Model, RangesBoundWhatIsTaken) {
+  Model model = OpenFixture("restormer-flexible-ios17-float32");
+  EXPECT_EQ(model.inputs()[0].shape, (Shape{1, 3, 64, 64}));
+  EXPECT_EQ(model.inputs()[0].ranges, (std::vector<SizeRange>{{1, 1}, {3, 3}, {16, 512}, {16, 512}}));
+  // Not the default shape, and not the one before: the sizes that the network computes with are those of the tile.
+  for (const Shape& shape : {Shape{1, 3, 48, 20}, Shape{1, 3, 16, 16}, Shape{1, 3, 64, 64}}) {
+    FillRamp(model.BindInput(shape));
+    EXPECT_EQ(model.Run().shape, shape);
+  }
+  for (const Shape& shape : {Shape{1, 3, 14, 64}, Shape{1, 3, 64, 514}}) {
+    ExpectError(Stage::Run, {"'image' has shape " + ToString(shape) + ", expected [1, 3, 16 to 512, 16 to 512]"},
+                [&] { static_cast<void>(model.BindInput(shape)); });
+  }
+}
+
+TEST(Model, ListsOfShapesAreAllThatIsTaken) {
+  Model model = OpenFixture("restormer-enumerated-ios16-float16");
+  EXPECT_EQ(model.inputs()[0].shape, (Shape{1, 3, 64, 64}));
+  for (const Shape& shape : {Shape{1, 3, 96, 48}, Shape{1, 3, 64, 64}, Shape{1, 3, 32, 40}}) {
+    FillRamp(model.BindInput(shape));
+    EXPECT_EQ(model.Run().shape, shape);
+  }
+  ExpectError(Stage::Run, {"'image' has shape [1, 3, 48, 96], expected [1, 3, ", "[1, 3, 32, 40]", " or [1, 3, "}, [&] {
+    static_cast<void>(model.BindInput({1, 3, 48, 96}));
+  });
+  ExpectError(Stage::Run, {"'image' has shape [3, 64, 64], expected [1, 3, ?, ?]"}, [&] {
+    static_cast<void>(model.BindInput({3, 64, 64}));
+  });
+}
+
 TEST(Model, UnknownOperationIsRefusedOnOpening) {
   ExpectError(Stage::Translate, {"frobnicate 'op_3': unknown operation"}, [] { OpenFixture("unknown-operation"); });
 }
@@ -203,6 +235,33 @@ TEST_F(ModelInterface, OutputsThatNobodyDescribesAreLeftOut) {
   BlockOf(message_).add_outputs("x");
   Model model(WritePackage(folder_, message_));
   ExpectScaled(model, {1, 3, 4, 4}, 1.0F);
+}
+
+TEST_F(ModelInterface, WithoutUpperBoundEverySizeIsTaken) {
+  coreml::ArrayFeatureType& array =
+      *message_.mutable_description()->mutable_input(0)->mutable_type()->mutable_multiarraytype();
+  for (const std::int64_t size : {1, 3, 8, 8}) {
+    array.add_shape(size);
+    coreml::SizeRange& range = *array.mutable_shaperange()->add_sizeranges();
+    range.set_lowerbound(static_cast<std::uint64_t>(size));
+    range.set_upperbound(size > 3 ? -1 : size);
+  }
+  Model model(WritePackage(folder_, message_));
+  ExpectScaled(model, {1, 3, 8, 5000}, 1.0F);
+  ExpectError(Stage::Run, {"input 'x' has shape [1, 3, 7, 8], expected [1, 3, 8 or more, 8 or more]"}, [&] {
+    static_cast<void>(model.BindInput({1, 3, 7, 8}));
+  });
+}
+
+TEST_F(ModelInterface, AShapeWithoutFlexibilityIsTheOnlyOne) {
+  coreml::ArrayFeatureType& array =
+      *message_.mutable_description()->mutable_input(0)->mutable_type()->mutable_multiarraytype();
+  for (const std::int64_t size : {1, 3, 8, 8}) array.add_shape(size);
+  Model model(WritePackage(folder_, message_));
+  ExpectScaled(model, {1, 3, 8, 8}, 1.0F);
+  ExpectError(Stage::Run, {"input 'x' has shape [1, 3, 8, 9], expected [1, 3, 8, 8]"}, [&] {
+    static_cast<void>(model.BindInput({1, 3, 8, 9}));
+  });
 }
 
 TEST_F(ModelInterface, ImagesOpenButDoNotRun) {

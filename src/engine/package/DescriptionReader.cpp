@@ -51,6 +51,47 @@ Shape ReadShape(const google::protobuf::RepeatedField<std::int64_t>& sizes) {
   return shape;
 }
 
+std::vector<Shape> ReadShapes(const coreml::EnumeratedShapes& source) {
+  if (source.shapes_size() > limits::kMaxEnumeratedShapes) {
+    Fail("lists " + std::to_string(source.shapes_size()) + " shapes, expected at most " +
+         std::to_string(limits::kMaxEnumeratedShapes));
+  }
+  std::vector<Shape> shapes;
+  for (const coreml::ArrayShape& shape : source.shapes()) shapes.push_back(ReadShape(shape.shape()));
+  return shapes;
+}
+
+/// A negative upper bound means that there is none.
+SizeRange ReadRange(const coreml::SizeRange& source) {
+  SizeRange range;
+  if (source.upperbound() >= 0) range.most = source.upperbound();
+  const bool isOrdered = std::cmp_less_equal(source.lowerbound(), range.most);
+  if (!isOrdered || std::cmp_greater(source.lowerbound(), limits::kMaxTensorElements)) {
+    Fail("has a dimension of size " + std::to_string(source.lowerbound()) + " to " +
+         std::to_string(source.upperbound()));
+  }
+  range.least = static_cast<std::int64_t>(source.lowerbound());
+  return range;
+}
+
+std::vector<SizeRange> ReadRanges(const coreml::ShapeRange& source, const Shape& shape) {
+  const bool fits = shape.empty() ? source.sizeranges_size() <= limits::kMaxRank
+                                  : std::cmp_equal(source.sizeranges_size(), shape.size());
+  if (!fits) {
+    Fail("has ranges for " + std::to_string(source.sizeranges_size()) + " dimensions, but shape " + ToString(shape));
+  }
+  std::vector<SizeRange> ranges;
+  for (const coreml::SizeRange& range : source.sizeranges()) ranges.push_back(ReadRange(range));
+  return ranges;
+}
+
+/// A shape without flexibility is the only one.
+std::vector<SizeRange> FixedRanges(const Shape& shape) {
+  std::vector<SizeRange> ranges;
+  for (const std::int64_t size : shape) ranges.push_back({size, size});
+  return ranges;
+}
+
 /// The tensor that an image is for the program: [1, C, H, W].
 Shape ShapeOfImage(const coreml::ImageFeatureType& image) {
   using coreml::ImageFeatureType;
@@ -67,6 +108,10 @@ Feature ReadFeature(const coreml::FeatureDescription& source) {
     feature.kind = FeatureKind::Tensor;
     feature.element = ElementOf(type.multiarraytype().datatype());
     feature.shape = ReadShape(type.multiarraytype().shape());
+    const coreml::ArrayFeatureType& array = type.multiarraytype();
+    if (array.has_enumeratedshapes()) feature.enumerated = ReadShapes(array.enumeratedshapes());
+    if (array.has_shaperange()) feature.ranges = ReadRanges(array.shaperange(), feature.shape);
+    if (!array.has_enumeratedshapes() && !array.has_shaperange()) feature.ranges = FixedRanges(feature.shape);
   } else if (type.has_imagetype()) {
     feature.kind = FeatureKind::Image;
     feature.shape = ShapeOfImage(type.imagetype());

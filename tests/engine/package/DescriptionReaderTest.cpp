@@ -51,6 +51,50 @@ TEST_F(DescriptionReaderTest, MultiArrays) {
   EXPECT_TRUE(features[1].shape.empty());
 }
 
+TEST_F(DescriptionReaderTest, ListsOfShapes) {
+  coreml::ArrayFeatureType& image = AddInput("image");
+  for (const std::int64_t size : {64, 32}) {
+    coreml::ArrayShape& shape = *image.mutable_enumeratedshapes()->add_shapes();
+    shape.add_shape(1);
+    shape.add_shape(size);
+  }
+  const Feature feature = ReadDescription(description_).inputs.at(0);
+  EXPECT_EQ(feature.enumerated, (std::vector<Shape>{{1, 64}, {1, 32}}));
+  EXPECT_TRUE(feature.ranges.empty());
+  EXPECT_TRUE(Accepts(feature, {1, 32}));
+  EXPECT_FALSE(Accepts(feature, {1, 33}));
+  EXPECT_EQ(DescribeAccepted(feature), "[1, 64] or [1, 32]");
+  image.mutable_enumeratedshapes()->mutable_shapes(0)->set_shape(1, 0);
+  ExpectRefused(Stage::Open, {"input 'image': has a dimension of size 0"});
+}
+
+TEST_F(DescriptionReaderTest, RangesOfSizes) {
+  coreml::ArrayFeatureType& image = AddInput("image");
+  const auto addRange = [&image](std::uint64_t least, std::int64_t most) {
+    coreml::SizeRange& range = *image.mutable_shaperange()->add_sizeranges();
+    range.set_lowerbound(least);
+    range.set_upperbound(most);
+  };
+  addRange(1, 1);
+  addRange(8, 64);
+  addRange(0, -1);
+  const Feature feature = ReadDescription(description_).inputs.at(0);
+  EXPECT_EQ(feature.ranges, (std::vector<SizeRange>{{1, 1}, {8, 64}, {0, SizeRange::kUnbounded}}));
+  EXPECT_EQ(DescribeAccepted(feature), "[1, 8 to 64, 0 or more]");
+  EXPECT_TRUE(Accepts(feature, {1, 64, 100000}));
+  EXPECT_FALSE(Accepts(feature, {1, 65, 1}));
+  EXPECT_FALSE(Accepts(feature, {2, 64, 1}));
+  EXPECT_FALSE(Accepts(feature, {1, 64}));
+  image.add_shape(1);
+  ExpectRefused(Stage::Open, {"input 'image': has ranges for 3 dimensions, but shape [1]"});
+  image.clear_shape();
+  addRange(9, 8);
+  ExpectRefused(Stage::Open, {"input 'image': has a dimension of size 9 to 8"});
+  image.mutable_shaperange()->mutable_sizeranges(3)->set_lowerbound(UINT64_MAX);
+  image.mutable_shaperange()->mutable_sizeranges(3)->set_upperbound(-1);
+  ExpectRefused(Stage::Open, {"input 'image': has a dimension of size 18446744073709551615 to -1"});
+}
+
 TEST_F(DescriptionReaderTest, ImagesAndOtherKinds) {
   coreml::FeatureDescription& image = *description_.add_output();
   image.set_name("picture");
