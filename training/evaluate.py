@@ -32,7 +32,7 @@ def pictures(program: Program, folder: Path) -> None:
         clean = gains.stretched_frame(HELD_OUT_SEED + 9, index, 512, False)
         rng = np.random.default_rng([HELD_OUT_SEED + 9, index])
         noisy = as_stored(clean + level * gains.noise_field(rng, clean.shape, True))
-        row = np.concatenate([i[:, 160:352, 160:352] for i in (noisy, program.tiff(noisy), clean)], axis=2)
+        row = np.concatenate([i[:, 192:320, 192:320] for i in (noisy, program.tiff(noisy), clean)], axis=2)
         Image.fromarray(np.round(255 * np.clip(row, 0, 1)).astype(np.uint8).transpose(1, 2, 0)).save(folder / f"{name}.png")
 
 
