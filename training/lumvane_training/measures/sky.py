@@ -69,7 +69,7 @@ def measure_noise(program: Program, seed: int, count: int, size: int) -> Section
     return section
 
 
-def disks(rng: np.random.Generator, size: int, diameter: int) -> tuple[Array, list[tuple[int, int]]]:
+def disks(size: int, diameter: int) -> tuple[Array, list[tuple[int, int]]]:
     """A mask of soft-edged disks on a grid three diameters apart, and their centres."""
     step = 3 * diameter
     centres = [(r, c) for r in range(step // 2 + 8, size - step // 2, step) for c in range(step // 2 + 8, size - step // 2, step)]
@@ -77,7 +77,6 @@ def disks(rng: np.random.Generator, size: int, diameter: int) -> tuple[Array, li
     mask = np.zeros((size, size), np.float32)
     for row, column in centres:
         mask += np.clip(0.5 * diameter - np.hypot(rows - row, columns - column) + 0.5, 0.0, 1.0)
-    del rng
     return ndimage.gaussian_filter(mask, 1.5), centres
 
 
@@ -101,7 +100,7 @@ def measure_faint(program: Program, seed: int, size: int) -> Section:
         for diameter in DIAMETERS:
             rng = np.random.default_rng([seed, number, diameter, 41])
             sigma, sky = 4e-4, 0.02
-            mask, centres = disks(rng, size, diameter)
+            mask, centres = disks(size, diameter)
             clean = np.repeat((sky + value * sigma * mask)[None], 3, axis=0).astype(np.float32)
             noisy = (clean + sigma * rng.standard_normal(clean.shape)).astype(np.float32)
             images = clean, noisy, program.linear(noisy)
