@@ -32,9 +32,9 @@ class FitsBytes {
   std::array<char, kBlockBytes> block_{};
 };
 
-/// Whether the card gives one of a tile's sizes anything but a number from 1 up, bare or in quotes. The library ignores
-/// that it could not read a size and goes on with 0; so both ways in which it may read one must be content.
-bool ClaimsNoPixels(std::string_view card) {
+/// Whether the card's value is anything but a number from 1 up, bare or in quotes. The library ignores that it could
+/// not read a size and goes on with 0; so both ways in which it may read one must be content.
+bool IsNoSize(std::string_view card) {
   std::string text(card);
   std::array<char, FLEN_VALUE> value{};
   std::array<char, FLEN_COMMENT> comment{};
@@ -46,20 +46,33 @@ bool ClaimsNoPixels(std::string_view card) {
   return !(std::strtod(number.c_str(), nullptr) >= 1.0) || std::strtoll(number.c_str(), nullptr, 10) < 1;
 }
 
+/// What the cards of one header say. Of several cards of a keyword the library may take any.
+struct Sizes {
+  bool areOfAnImage = false;  ///< of a tile-compressed one
+  bool areInBlocks = false;   ///< by Rice's coding, whose first parameter is the size of its blocks
+  bool haveEmptyTile = false;
+  bool haveEmptyBlock = false;
+
+  void Read(std::string_view card) {
+    areOfAnImage = areOfAnImage || card.starts_with("ZIMAGE");
+    areInBlocks = areInBlocks || (card.starts_with("ZCMPTYPE") && card.find("RICE") != std::string_view::npos);
+    haveEmptyTile = haveEmptyTile || (card.starts_with("ZTILE") && IsNoSize(card));
+    haveEmptyBlock = haveEmptyBlock || (card.starts_with("ZVAL1 ") && IsNoSize(card));
+  }
+  [[nodiscard]] bool AreUsable() const { return !areOfAnImage || !(haveEmptyTile || (areInBlocks && haveEmptyBlock)); }
+};
+
 /// Reads the header from here to its end, which may be the file's.
-bool HeaderClaimsNoPixels(FitsBytes& bytes) {
-  bool isCompressed = false;
-  bool isEmpty = false;
+Sizes ReadSizes(FitsBytes& bytes) {
+  Sizes sizes;
   for (std::string_view block = bytes.Read(); !block.empty(); block = bytes.Read()) {
     for (; !block.empty(); block.remove_prefix(std::min(kCardBytes, block.size()))) {
       const std::string_view card = block.substr(0, kCardBytes);
-      isCompressed = isCompressed || card.starts_with("ZIMAGE");
-      isEmpty = isEmpty || (card.starts_with("ZTILE") && ClaimsNoPixels(card));
-      const bool isEnd = card.starts_with("END") && card.find_first_not_of(' ', 3) == std::string_view::npos;
-      if (isEnd) return isCompressed && isEmpty;
+      sizes.Read(card);
+      if (card.starts_with("END") && card.find_first_not_of(' ', 3) == std::string_view::npos) return sizes;
     }
   }
-  return isCompressed && isEmpty;
+  return sizes;
 }
 
 }  // namespace
@@ -71,7 +84,7 @@ int CheckTileSizes(fitsfile* file, const std::string& path) {
     LONGLONG next = 0;
     fits_get_hduaddrll(file, nullptr, nullptr, &next, &status);
     if (status != 0 || !bytes.MoveTo(next)) break;
-    if (HeaderClaimsNoPixels(bytes)) return DATA_DECOMPRESSION_ERR;
+    if (!ReadSizes(bytes).AreUsable()) return DATA_DECOMPRESSION_ERR;
     fits_movrel_hdu(file, 1, nullptr, &status);
   }
   fits_clear_errmsg();

@@ -1,5 +1,5 @@
 #pragma once
-// Tile sizes below 1, found before the FITS library divides by them. For the FITS sources alone.
+// Sizes of tiles and coding blocks below 1, found before the FITS library divides by them. For the FITS sources alone.
 
 #include <fitsio.h>
 
@@ -8,8 +8,8 @@
 namespace ulmora::cli {
 
 /// Looks, in the file itself, at the header of every HDU behind the first before the library is moved there:
-/// DATA_DECOMPRESSION_ERR if a tile-compressed image claims tiles of no pixels, else 0, whatever else is wrong with the
-/// file. `file` is open at its first HDU and may stand at any other afterwards.
+/// DATA_DECOMPRESSION_ERR if a tile-compressed image claims tiles or blocks of no pixels, else 0, whatever else is
+/// wrong with the file. `file` is open at its first HDU and may stand at any other afterwards.
 [[nodiscard]] int CheckTileSizes(fitsfile* file, const std::string& path);
 
 }  // namespace ulmora::cli

@@ -156,6 +156,21 @@ TEST_F(FitsTiles, TilesOfNoPixelsAreRefused) {
   }
 }
 
+TEST_F(FitsTiles, RiceBlocksOfNoPixelsAreRefused) {
+  for (const std::string value : {"0", "-32", "many"}) {
+    Write(RICE_1, SHORT_IMG, 40);
+    Set("ZVAL1", value);
+    EXPECT_EQ(Failure(), "Inspecting HDUs failed for FITS image " + path_ + ": error uncompressing image") << value;
+  }
+}
+
+/// There the same card is a scale, and 0 means exact.
+TEST_F(FitsTiles, AnHcompressScaleOfZeroIsRead) {
+  Write(HCOMPRESS_1, SHORT_IMG, 40);
+  Set("ZVAL1", "0");
+  EXPECT_EQ(Read(), samples_);
+}
+
 /// A header's last block may be cut short.
 TEST_F(FitsTiles, TilesOfNoPixelsAreRefusedInATruncatedFile) {
   Write(RICE_1, SHORT_IMG, 40);
