@@ -19,11 +19,11 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 SIZE = 512
+sys.path[:0] = [str(ROOT / "tests/fixtures/packages"), str(ROOT / "training")]
 
 
 def networks():
     """name: a function that makes the module."""
-    sys.path[:0] = [str(ROOT / "tests/fixtures/packages"), str(ROOT / "training")]
     from architectures.gated import NAFNet
     from architectures.plain import DRUNet, RCAN
     from lumvane_training.network import Denoiser
