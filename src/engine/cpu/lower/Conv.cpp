@@ -53,11 +53,13 @@ void DescribeWeights(ConvTask& task, const Shape& kernel, bool transposed) {
     dims.push_back(g.groups);
     strides.push_back(outputs * inputs * area);
   }
-  dims.insert(dims.end(), {outputs, inputs});
-  strides.insert(strides.end(), {transposed ? area : inputs * area, transposed ? outputs * area : area});
-  dims.insert(dims.end(), kernel.begin(), kernel.end());
-  const Shape inner = program::RowMajorStrides(kernel);
-  strides.insert(strides.end(), inner.begin(), inner.end());
+  // One by one: GCC 14 sees an overflow in inserted ranges where there is none.
+  dims.push_back(outputs);
+  dims.push_back(inputs);
+  strides.push_back(transposed ? area : inputs * area);
+  strides.push_back(transposed ? outputs * area : area);
+  for (const std::int64_t length : kernel) dims.push_back(length);
+  for (const std::int64_t stride : program::RowMajorStrides(kernel)) strides.push_back(stride);
   task.givenWeights = Desc(dims, kFloat, strides);
   task.anyWeights = Desc(dims, kFloat, dnnl::memory::format_tag::any);
 }
