@@ -23,11 +23,16 @@ using Dims = dnnl::memory::dims;
   return stream;
 }
 
-/// Channels that the library's kernels for this processor hold together in a blocked layout.
+/// Channels that a blocked layout holds together: as many as the library's kernels for this processor take, or, where
+/// it has none that count, as our own kernels are written for.
 [[nodiscard]] inline int ChannelBlock() {
+#if defined(__x86_64__)
   const auto isa = static_cast<unsigned>(dnnl::get_effective_cpu_isa());
   const auto avx512 = static_cast<unsigned>(dnnl::cpu_isa::avx512_core);
   return (isa & avx512) == avx512 ? 16 : 8;
+#else
+  return 8;
+#endif
 }
 
 /// Whether an answer that the library can only give with its reference implementation counts: that one is correct, but
