@@ -2,40 +2,12 @@
 
 #include "engine/Limits.h"
 #include "engine/package/SourceChecks.h"
-#include "engine/package/Text.h"
-
-#include <charconv>
+#include "engine/package/text/ShapeParser.h"
 
 namespace ulmora::engine::package::text {
 namespace {
 
-std::int64_t ParseSize(Lexer& lexer) {
-  if (lexer.Peek().kind != TokenKind::Number) lexer.FailExpected("a dimension");
-  const Token token = lexer.Take();
-  std::int64_t size = 0;
-  const char* const end = token.text.data() + token.text.size();
-  const auto [stop, error] = std::from_chars(token.text.data(), end, size);
-  if (error != std::errc() || stop != end || size < 1 || size > limits::kMaxTensorElements) {
-    FailAt(token.at, "a dimension has size " + Quoted(token.text) + ", expected 1 to " +
-                         std::to_string(limits::kMaxTensorElements));
-  }
-  return size;
-}
-
-Shape ParseShape(Lexer& lexer) {
-  const Position at = lexer.Peek().at;
-  lexer.Expect("[");
-  Shape shape;
-  if (lexer.Accept("]")) return shape;
-  do {
-    shape.push_back(ParseSize(lexer));
-    if (shape.size() > static_cast<std::size_t>(limits::kMaxRank)) {
-      FailAt(at, "a shape has more than " + std::to_string(limits::kMaxRank) + " dimensions");
-    }
-  } while (lexer.Accept(","));
-  lexer.Expect("]");
-  return shape;
-}
+constexpr ShapeRules kDefaultShape = {.owner = "a shape", .smallest = 1, .mayBeOpen = false};
 
 std::string ParseString(Lexer& lexer) {
   if (lexer.Peek().kind != TokenKind::String) lexer.FailExpected("a string");
@@ -51,7 +23,7 @@ std::map<std::string, Shape> ParseShapes(Lexer& lexer) {
     lexer.Expect("{");
     const std::string name = ParseString(lexer);
     lexer.Expect(",");
-    shapes[name] = ParseShape(lexer);
+    shapes[name] = ParseShape(lexer, kDefaultShape);
     lexer.Expect("}");
     CheckCount(static_cast<std::int64_t>(shapes.size()), limits::kMaxOperands, "default shapes");
   } while (lexer.Accept(","));

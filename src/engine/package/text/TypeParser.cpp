@@ -1,11 +1,10 @@
 #include "engine/package/text/TypeParser.h"
 
-#include "engine/Limits.h"
 #include "engine/package/Text.h"
+#include "engine/package/text/ShapeParser.h"
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <optional>
 #include <string>
 #include <utility>
@@ -32,34 +31,7 @@ std::optional<ElementType> ElementOf(std::string_view word) {
   return found->second;
 }
 
-std::int64_t ParseSize(Lexer& lexer) {
-  if (lexer.Accept("?")) return kUnknownDim;
-  if (lexer.Peek().kind != TokenKind::Number) lexer.FailExpected("a dimension");
-  const Token token = lexer.Take();
-  std::int64_t size = -1;
-  const char* const end = token.text.data() + token.text.size();
-  const auto [stop, error] = std::from_chars(token.text.data(), end, size);
-  if (error != std::errc() || stop != end || size < 0 || size > limits::kMaxTensorElements) {
-    FailAt(token.at, "a dimension has size " + Quoted(token.text) + ", expected 0 to " +
-                         std::to_string(limits::kMaxTensorElements));
-  }
-  return size;
-}
-
-Shape ParseShape(Lexer& lexer) {
-  const Position at = lexer.Peek().at;
-  lexer.Expect("[");
-  Shape shape;
-  if (lexer.Accept("]")) return shape;
-  do {
-    shape.push_back(ParseSize(lexer));
-    if (shape.size() > static_cast<std::size_t>(limits::kMaxRank)) {
-      FailAt(at, "a tensor type has more than " + std::to_string(limits::kMaxRank) + " dimensions");
-    }
-  } while (lexer.Accept(","));
-  lexer.Expect("]");
-  return shape;
-}
+constexpr ShapeRules kTensorShape = {.owner = "a tensor type", .smallest = 0, .mayBeOpen = true};
 
 ElementType ParseElement(Lexer& lexer) {
   const Token word = lexer.ExpectName("an element type");
@@ -73,7 +45,7 @@ TensorType ParseTensor(Lexer& lexer) {
   TensorType type;
   type.element = ParseElement(lexer);
   lexer.Expect(",");
-  type.shape = ParseShape(lexer);
+  type.shape = ParseShape(lexer, kTensorShape);
   while (!lexer.Peek().Is(">")) lexer.SkipItem();
   lexer.Expect(">");
   return type;
