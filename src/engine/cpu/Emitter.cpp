@@ -24,6 +24,10 @@ std::string Label(const program::Operation& operation) {
   return std::string(operation.definition->key) + " '" + operation.name + "'";
 }
 
+const program::Operands& OperandsOf(const program::Operation& operation, std::string_view parameter) {
+  return operation.arguments.at(static_cast<std::size_t>(operation.definition->IndexOf(parameter)));
+}
+
 Emitter::Emitter(const program::Program& program, WeightStore& weights, void* input, void* output)
     : program_(program),
       weights_(weights),

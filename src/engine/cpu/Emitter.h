@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ulmora::engine::cpu {
@@ -110,6 +111,9 @@ class Emitter {
 
 /// "conv 'name'", for messages.
 [[nodiscard]] std::string Label(const program::Operation& operation);
+
+/// What the operation reads for a parameter that its definition has: nothing if it is not given.
+[[nodiscard]] const program::Operands& OperandsOf(const program::Operation& operation, std::string_view parameter);
 
 /// Calls `visit` with every value that the operation reads, as often as it reads it, fused steps included.
 template <typename Visit>

@@ -27,8 +27,7 @@ std::map<std::string_view, Lower> CollectLowerings() {
 }  // namespace
 
 program::ValueId LowerCall::Operand(std::string_view parameter, std::size_t index) const {
-  const int position = operation.definition->IndexOf(parameter);
-  return operation.arguments.at(static_cast<std::size_t>(position)).at(index);
+  return OperandsOf(operation, parameter).at(index);
 }
 
 Lower FindLowering(std::string_view key) {

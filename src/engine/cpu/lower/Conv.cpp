@@ -163,18 +163,17 @@ struct Prepared {
 template <typename Primitive>
 void EmitConv(const Prepared<typename Primitive::primitive_desc>& prepared, Emitter& emitter,
               const program::Operation& operation) {
-  const auto operand = [&](std::string_view parameter) -> const program::Operands& {
-    return operation.arguments[static_cast<std::size_t>(operation.definition->IndexOf(parameter))];
-  };
   const auto& description = prepared.description;
   const ConvTask& task = prepared.task;
   const Layout result = prepared.candidate.result;
   std::vector<Argument> arguments = {
-      {DNNL_ARG_SRC, description.src_desc(), emitter.Source(operand("x").front(), prepared.candidate.source)},
+      {DNNL_ARG_SRC, description.src_desc(),
+       emitter.Source(OperandsOf(operation, "x").front(), prepared.candidate.source)},
       {DNNL_ARG_WEIGHTS, description.weights_desc(),
-       emitter.SourceAs(operand("weight").front(), task.givenWeights, description.weights_desc())}};
-  if (!operand("bias").empty()) {
-    arguments.push_back({DNNL_ARG_BIAS, task.bias, emitter.SourceAs(operand("bias").front(), task.bias, task.bias)});
+       emitter.SourceAs(OperandsOf(operation, "weight").front(), task.givenWeights, description.weights_desc())}};
+  if (!OperandsOf(operation, "bias").empty()) {
+    arguments.push_back(
+        {DNNL_ARG_BIAS, task.bias, emitter.SourceAs(OperandsOf(operation, "bias").front(), task.bias, task.bias)});
   }
   AddArguments(emitter, prepared.postOps, result, arguments);
   const BufferId destination = PostOpsResult(emitter, prepared.postOps, operation.results.front(), result);

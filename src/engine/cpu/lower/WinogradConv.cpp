@@ -157,21 +157,18 @@ enum Buffer : std::size_t { kSource, kWeights, kPacked, kScratch, kResult, kFirs
 
 void EmitWinograd(const Task& task, const WinogradPlan& plan, Layout layout, Emitter& emitter,
                   const program::Operation& operation) {
-  const auto operand = [&](std::string_view parameter) -> const program::Operands& {
-    return operation.arguments[static_cast<std::size_t>(operation.definition->IndexOf(parameter))];
-  };
-  const program::ValueId weight = operand("weight").front();
+  const program::ValueId weight = OperandsOf(operation, "weight").front();
   const Tensor& weights = *emitter.program().at(weight).constant;
   const auto pack = [&plan](const float* from, float* to) { plan.Pack(from, to); };
   const auto pixels = task.shape.resultHeight * task.shape.resultWidth * task.shape.images;
   const bool keep = emitter.packedBytes() + plan.packedBytes() <= task.keptBytes || pixels < kPixelsWorthTransform;
-  const BufferId source = emitter.Source(operand("x").front(), layout);
+  const BufferId source = emitter.Source(OperandsOf(operation, "x").front(), layout);
   const BufferId plain = emitter.Constant(weights);
   const BufferId packed =
       keep ? emitter.PackedConstant(weights, plan.packedBytes(), pack) : emitter.Scratch(plan.packedBytes());
   std::vector<BufferId> buffers = {source, plain, packed, emitter.Scratch(plan.scratchBytes()), 0};
-  const bool hasBias = !operand("bias").empty();
-  if (hasBias) buffers.push_back(emitter.Source(operand("bias").front(), Layout::Plain));
+  const bool hasBias = !OperandsOf(operation, "bias").empty();
+  if (hasBias) buffers.push_back(emitter.Source(OperandsOf(operation, "bias").front(), Layout::Plain));
   for (const Stage& stage : task.stages) {
     if (stage.tensor) buffers.push_back(emitter.Source(*stage.tensor, layout));
   }
