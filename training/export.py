@@ -26,7 +26,7 @@ def details(state: dict) -> dict[str, str]:
         "training.megapixels": f"{state['megapixels']:.0f}", "training.schedule_done": f"{min(state['progress'], 1.0):.2f}",
         "training.megapixels_before": f"{state.get('base_megapixels', 0.0):.0f}",
         "training.started_from": state["start_from"] or "random weights",
-        "network.widths": " ".join(map(str, state["widths"])), "network.blocks": str(state["blocks"]),
+        "network.widths": " ".join(map(str, state["widths"])), "network.blocks": " ".join(map(str, state["blocks"])),
     }
 
 

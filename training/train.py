@@ -98,7 +98,7 @@ class Trainer:
             "network": self.network.state_dict(), "average": self.average.state_dict(),
             "optimiser": self.optimiser.state_dict(), "step": self.step, "seconds": self.seconds,
             "megapixels": self.megapixels, "base_megapixels": self.base_megapixels,
-            "widths": list(self.run.widths), "blocks": self.run.blocks,
+            "widths": list(self.network.widths), "blocks": list(self.network.blocks),
             "name": self.run.name, "version": self.run.version, "seed": self.run.seed, "pool_seed": self.run.pool_seed,
             "usual_norm": self.norms.usual, "generator": GENERATOR_VERSION, "progress": self.progress,
             "start_from": self.run.raw["run"].get("start_from", ""),

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import torch
 
-from . import shipped
+from . import growth, shipped
 from .network import Denoiser
 
 
@@ -26,16 +26,20 @@ def load(path: Path) -> dict:
 def averaged_network(path: Path) -> tuple[Denoiser, dict]:
     """The network with its averaged weights, and the checkpoint's record (steps, megapixels, configuration)."""
     state = load(path)
-    network = Denoiser(tuple(state["widths"]), state["blocks"])
+    network = Denoiser(state["widths"], state["blocks"])
     network.load_state_dict(state["average"])
     return network.eval(), state
 
 
 def starting_point(path: Path, network: Denoiser) -> tuple[dict, float]:
-    """The averaged weights of a checkpoint, or those of a package, and the megapixels that went into them."""
+    """Weights for `network` from a checkpoint's averaged ones or from a package, and the megapixels that went into them.
+
+    A smaller network's weights are grown into the larger one, which then starts with the smaller one's answers.
+    """
     if path.suffix == ".mlpackage":
-        details = shipped.record(path)
-        return shipped.state_of(path, network), sum(
-            float(details.get(name, 0)) for name in ("training.megapixels", "training.megapixels_before"))
-    state = load(path)
-    return state["average"], state["megapixels"] + state.get("base_megapixels", 0.0)
+        small, details = shipped.network_of(path)
+        before = sum(float(details.get(name, 0)) for name in ("training.megapixels", "training.megapixels_before"))
+    else:
+        small, state = averaged_network(path)
+        before = state["megapixels"] + state.get("base_megapixels", 0.0)
+    return growth.grown(small, network), before

@@ -29,7 +29,7 @@ class Config:
     version: int
     seed: int
     widths: tuple[int, ...]
-    blocks: int
+    blocks: int | tuple[int, ...]
     pools: list[Path]
     pool_seed: int
     pool_size: int
@@ -53,6 +53,10 @@ class Config:
     raw: dict = field(default_factory=dict)
 
 
+def _levels(blocks: int | list[int]) -> int | tuple[int, ...]:
+    return blocks if isinstance(blocks, int) else tuple(blocks)
+
+
 def load(path: Path) -> Config:
     """Reads a configuration; paths in it are relative to training/."""
     table = tomllib.loads(path.read_text())
@@ -63,7 +67,7 @@ def load(path: Path) -> Config:
         raise ValueError(f"{path}: precision is {precision}, not float32 or bfloat16")
     return Config(
         name=table["name"], version=table["version"], seed=table["seed"],
-        widths=tuple(network["widths"]), blocks=network["blocks"],
+        widths=tuple(network["widths"]), blocks=_levels(network["blocks"]),
         pools=[TRAINING_ROOT / p for p in pool["files"]], pool_seed=pool["seed"], pool_size=pool["size"],
         pool_counts=pool["counts"],
         minutes=run["minutes"], learning_rate=run["learning_rate"], warmup_steps=run["warmup_steps"],

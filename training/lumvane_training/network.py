@@ -29,17 +29,24 @@ def _blocks(width: int, count: int) -> nn.Sequential:
 
 
 class Denoiser(nn.Module):
-    """[n, 3, h, w] -> same, h and w multiples of 2^len(widths). widths[0] works at half resolution, and so on down."""
+    """[n, 3, h, w] -> same, h and w multiples of 2^len(widths). widths[0] works at half resolution, and so on down.
 
-    def __init__(self, widths: tuple[int, ...] = (32, 64, 128), blocks: int = 1):
+    `blocks` holds the number of blocks of each level (one number: the same for all), those above the lowest level once
+    on the way down and once on the way up.
+    """
+
+    def __init__(self, widths: tuple[int, ...] = (32, 64, 128), blocks: int | tuple[int, ...] = 1):
         super().__init__()
-        self.widths, self.blocks = tuple(widths), blocks
+        self.widths = tuple(widths)
+        self.blocks = (blocks,) * len(widths) if isinstance(blocks, int) else tuple(blocks)
+        if len(self.blocks) != len(self.widths):
+            raise ValueError(f"{len(self.widths)} widths and {len(self.blocks)} counts of blocks")
         self.head = nn.Conv2d(3, widths[0], 2, stride=2, bias=False)
-        self.encoders = nn.ModuleList(_blocks(w, blocks) for w in widths[:-1])
+        self.encoders = nn.ModuleList(map(_blocks, self.widths[:-1], self.blocks))
         self.downs = nn.ModuleList(nn.Conv2d(a, b, 2, stride=2, bias=False) for a, b in zip(widths, widths[1:]))
-        self.middle = _blocks(widths[-1], blocks)
+        self.middle = _blocks(widths[-1], self.blocks[-1])
         self.ups = nn.ModuleList(nn.ConvTranspose2d(b, a, 2, stride=2, bias=False) for a, b in zip(widths, widths[1:]))
-        self.decoders = nn.ModuleList(_blocks(w, blocks) for w in widths[:-1])
+        self.decoders = nn.ModuleList(map(_blocks, self.widths[:-1], self.blocks))
         self.tail = nn.Conv2d(widths[0], 12, 3, padding=1, bias=False)
         self._initialise()
 

@@ -46,6 +46,12 @@ def constants(package: Path) -> dict[str, np.ndarray]:
     return found
 
 
+def layout(details: dict[str, str]) -> Denoiser:
+    """The untrained network that a package's record describes; one number of blocks stands for all levels."""
+    blocks = tuple(map(int, details["network.blocks"].split()))
+    return Denoiser(tuple(map(int, details["network.widths"].split())), blocks[0] if len(blocks) == 1 else blocks)
+
+
 def state_of(package: Path, network: Denoiser) -> dict[str, torch.Tensor]:
     """The package's weights under the network's own names; fails where one is missing or of another shape."""
     values, state = constants(package), {}
@@ -70,6 +76,6 @@ def record(package: Path) -> dict[str, str]:
 def network_of(package: Path) -> tuple[Denoiser, dict[str, str]]:
     """The network of a package made by `export`, and its training record."""
     details = record(package)
-    network = Denoiser(tuple(map(int, details["network.widths"].split())), int(details["network.blocks"]))
+    network = layout(details)
     network.load_state_dict(state_of(package, network))
     return network.eval(), details

@@ -6,7 +6,7 @@ import pytest
 
 torch = pytest.importorskip("torch")
 
-from lumvane_training import losses, network, stretch  # noqa: E402
+from lumvane_training import growth, losses, network, stretch  # noqa: E402
 
 
 @pytest.fixture(scope="module")
@@ -41,6 +41,44 @@ def test_context_ends_at_the_receptive_field(small):
     changed = image.clone()
     changed[:, :, :8] = 0
     assert torch.equal(small(image)[:, :, 200:], small(changed)[:, :, 200:])
+
+
+@torch.no_grad()
+@pytest.mark.parametrize("widths, blocks", [((16, 32, 64), 1), ((32, 48, 64), 1), ((24, 32, 80), (1, 2, 3))])
+def test_a_grown_network_gives_the_small_ones_answers(small, widths, blocks):
+    large = network.Denoiser(widths, blocks)
+    large.load_state_dict(growth.grown(small, large))
+    image = torch.rand(2, 3, 64, 48)
+    assert torch.allclose(large(image), small(image), atol=1e-6)
+
+
+def test_the_zeros_of_a_grown_network_learn(small):
+    """Within two steps, because a new block's first layer waits for its second one to leave zero; but for idle ReLUs."""
+    large = network.Denoiser((24, 48, 80), (1, 2, 2))
+    large.load_state_dict(growth.grown(small, large))
+    before = {name: p.detach().clone() for name, p in large.named_parameters()}
+    optimiser = torch.optim.SGD(large.parameters(), 0.1)
+    for _ in range(2):
+        optimiser.zero_grad()
+        large(torch.rand(2, 3, 32, 32)).square().sum().backward()
+        torch.nn.utils.clip_grad_norm_(large.parameters(), 1.0)
+        optimiser.step()
+    for name, parameter in large.named_parameters():
+        assert (parameter != before[name]).any(), name
+    zeros = [(p != 0)[before[name] == 0] for name, p in large.named_parameters()]
+    assert sum(map(len, zeros)) > 10_000 and torch.cat(zeros).float().mean() > 0.9
+
+
+def test_networks_do_not_shrink(small):
+    for widths, blocks in [((16, 32, 48), 1), ((16, 32), 1), ((16, 32, 64, 128), 1), ((16, 32, 64), 0)]:
+        with pytest.raises(ValueError, match="does not grow"):
+            growth.grown(small, network.Denoiser(widths, blocks))
+
+
+def test_every_level_has_a_count_of_blocks():
+    assert network.parameter_count(network.Denoiser((8, 16), 2)) == network.parameter_count(network.Denoiser((8, 16), (2, 2)))
+    with pytest.raises(ValueError, match="2 widths and 1 counts"):
+        network.Denoiser((8, 16), (1,))
 
 
 @torch.no_grad()
