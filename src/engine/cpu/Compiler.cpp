@@ -247,6 +247,12 @@ class Compilation {
     for (const BufferRecord& buffer : emitter.buffers()) compiled_->addresses.push_back(buffer.external);
     auto* arena = static_cast<char*>(compiled_->arena.data());
     for (std::size_t i = 0; i < owners.size(); ++i) compiled_->addresses[owners[i]] = arena + plan.offsets[i];
+    for (std::size_t i = 0; i < emitter.buffers().size(); ++i) {
+      const BufferRecord& part = emitter.buffers()[i];
+      if (!part.whole || part.external != nullptr) continue;
+      void* const whole = compiled_->addresses[static_cast<std::size_t>(*part.whole)];
+      if (whole != nullptr) compiled_->addresses[i] = static_cast<char*>(whole) + part.offset;
+    }
     compiled_->steps = std::move(emitter.steps());
     for (const LabelledStep& step : compiled_->steps) step.step->Bind(compiled_->addresses);
   }

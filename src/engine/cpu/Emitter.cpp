@@ -145,6 +145,18 @@ void Emitter::Alias(program::ValueId value, Layout layout, program::ValueId sour
   Place(value, layout, Source(source, sourceLayout));
 }
 
+void Emitter::AliasPart(program::ValueId value, Layout layout, program::ValueId source, Layout sourceLayout,
+                        std::int64_t offset) {
+  const BufferId within = Source(source, sourceLayout);
+  const BufferRecord outer = buffers_[static_cast<std::size_t>(within)];
+  const BufferId part = NewBuffer(ByteCount(program_.at(value).type, layout));
+  BufferRecord& record = buffers_[static_cast<std::size_t>(part)];
+  if (outer.external != nullptr) record.external = static_cast<char*>(outer.external) + offset;
+  record.whole = outer.whole.value_or(within);
+  record.offset = outer.offset + offset;
+  Place(value, layout, part);
+}
+
 BufferId Emitter::Scratch(std::int64_t bytes) {
   return NewBuffer(bytes);
 }
@@ -186,14 +198,18 @@ void Emitter::Finish() {
 }
 
 BufferId Emitter::NewBuffer(std::int64_t bytes, void* external) {
-  buffers_.push_back({bytes, external, -1, -1});
+  BufferRecord record;
+  record.bytes = bytes;
+  record.external = external;
+  buffers_.push_back(record);
   tenants_.emplace_back();
   return static_cast<BufferId>(buffers_.size() - 1);
 }
 
 bool Emitter::IsFreeAfter(BufferId buffer, program::ValueId operand) {
   const auto index = static_cast<std::size_t>(buffer);
-  if (buffers_[index].external != nullptr) return false;
+  // Beside a part there may be others, which its tenants say nothing of.
+  if (buffers_[index].external != nullptr || buffers_[index].whole) return false;
   // Values that nobody will read leave for good: a long chain of operations in one buffer must not be looked through
   // again and again.
   std::erase_if(tenants_[index], [&](program::ValueId id) { return pending_[Index(id)] == 0; });
@@ -210,10 +226,13 @@ bool Emitter::IsOutput(program::ValueId value, Layout layout) const {
 void Emitter::Place(program::ValueId value, Layout layout, BufferId buffer) {
   At(value)[static_cast<std::size_t>(layout)] = buffer;
   tenants_[static_cast<std::size_t>(buffer)].push_back(value);
+  const std::optional<BufferId> whole = buffers_[static_cast<std::size_t>(buffer)].whole;
+  if (whole) tenants_[static_cast<std::size_t>(*whole)].push_back(value);
 }
 
 void Emitter::Touch(BufferId buffer) {
-  BufferRecord& record = buffers_[static_cast<std::size_t>(buffer)];
+  const BufferId owner = buffers_[static_cast<std::size_t>(buffer)].whole.value_or(buffer);
+  BufferRecord& record = buffers_[static_cast<std::size_t>(owner)];
   const auto step = static_cast<std::int64_t>(steps_.size());
   if (record.first < 0) record.first = step;
   record.last = step;

@@ -25,10 +25,12 @@ struct LabelledStep {
 };
 
 /// A buffer as the steps see it. External ones have an address from the start and are never overwritten but by whoever
-/// owns them; the others are placed in the arena, for the steps from first to last.
+/// owns them; parts lie in another buffer; the others are placed in the arena, for the steps from first to last.
 struct BufferRecord {
   std::int64_t bytes = 0;
   void* external = nullptr;
+  std::optional<BufferId> whole{};  ///< of a part: the buffer in which it lies, which is no part itself
+  std::int64_t offset = 0;          ///< of a part: where it begins, in bytes
   std::int64_t first = -1;
   std::int64_t last = -1;
 };
@@ -68,6 +70,9 @@ class Emitter {
   [[nodiscard]] BufferId ResultFrom(program::ValueId value, program::ValueId operand, Layout layout);
   /// Declares that the bytes of `source` in one layout are those of the result in another.
   void Alias(program::ValueId value, Layout layout, program::ValueId source, Layout sourceLayout);
+  /// The same of consecutive bytes of `source`, from `offset` on.
+  void AliasPart(program::ValueId value, Layout layout, program::ValueId source, Layout sourceLayout,
+                 std::int64_t offset);
   /// Memory of the next step alone, or of several if each names it.
   [[nodiscard]] BufferId Scratch(std::int64_t bytes);
 

@@ -79,6 +79,7 @@ using program::ProgramBuilder;
 using program::ValueId;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 std::string RefusalOf(const program::Program& program) {
   try {
@@ -213,6 +214,62 @@ TEST(Executable, MemoryOfAnAliasIsNotTakenOver) {
   const ValueId again = builder.Call("reshape", {{"x", {square}}, {"shape", {shape}}}, program::FloatType({4}));
   builder.Output(builder.Call("sub", {{"x", {again}}, {"y", {flat}}}, program::FloatType({4})));
   EXPECT_THAT(RunCompiled(builder.program, Tensor::Floats({2, 2}, {-1, 2, 3, 4})), ElementsAre(0, 2, 6, 12));
+}
+
+/// Both halves of x along axis 1, each of that type.
+std::vector<ValueId> SplitInTwo(ProgramBuilder& builder, ValueId x, const TensorType& half) {
+  const ValueId count = builder.Constant(Tensor::Int(2));
+  const ValueId axis = builder.Constant(Tensor::Int(1));
+  const ValueId first = builder.Call("split", {{"x", {x}}, {"num_splits", {count}}, {"axis", {axis}}}, half);
+  const ValueId second = builder.program.AddValue({"second", half, {}});
+  builder.program.operations.back().results.push_back(second);
+  return {first, second};
+}
+
+TEST(Executable, PartsThatLieTogetherAreNotCopied) {
+  const TensorType half = program::FloatType({1, 32, 3, 5});
+  ProgramBuilder builder;
+  const ValueId x = builder.Input("x", {1, 64, 3, 5});
+  const ValueId relu = builder.Call("relu", {{"x", {x}}}, program::FloatType({1, 64, 3, 5}));
+  const std::vector<ValueId> parts = SplitInTwo(builder, relu, half);
+  builder.Output(builder.Call("mul", {{"x", {parts[0]}}, {"y", {parts[1]}}}, half));
+  for (const LayoutPreference layout : {LayoutPreference::Plain, LayoutPreference::Blocked}) {
+    ExecutableOptions options;
+    options.layout = layout;
+    for (const std::string& step : Executable(builder.program, options).StepNames()) {
+      EXPECT_THAT(step, Not(HasSubstr("split")));
+    }
+  }
+  Random random(1);
+  ExpectSame(builder.program, random.Floats({1, 64, 3, 5}));
+}
+
+TEST(Executable, MemoryOfPartsIsNotTakenOver) {
+  // When tanh reads relu for the last time, a half of it is still wanted; when square reads one half for the last time,
+  // the other one is.
+  const TensorType whole = program::FloatType({1, 64, 3, 5});
+  const TensorType half = program::FloatType({1, 32, 3, 5});
+  ProgramBuilder builder;
+  const ValueId relu = builder.Call("relu", {{"x", {builder.Input("x", whole.shape)}}}, whole);
+  const std::vector<ValueId> parts = SplitInTwo(builder, relu, half);
+  const ValueId square = builder.Call("square", {{"x", {parts[0]}}}, half);
+  const ValueId tanh = builder.Call("tanh", {{"x", {relu}}}, whole);
+  const ValueId more = builder.Call("tanh", {{"x", {parts[1]}}}, half);
+  const ValueId twice = builder.Call("add", {{"x", {more}}, {"y", {parts[1]}}}, half);
+  const ValueId sum = builder.Call("add", {{"x", {square}}, {"y", {twice}}}, half);
+  const ValueId axis = builder.Constant(Tensor::Int(1));
+  builder.Output(
+      builder.Call("concat", {{"values", {tanh, sum}}, {"axis", {axis}}}, program::FloatType({1, 96, 3, 5})));
+  Random random(1);
+  ExpectSame(builder.program, random.Floats(whole.shape));
+}
+
+TEST(Executable, PartsOfPartsOfTheInputAreReadWhereTheyLie) {
+  ProgramBuilder builder;
+  const ValueId x = builder.Input("x", {1, 4, 1, 2});
+  const std::vector<ValueId> parts = SplitInTwo(builder, x, program::FloatType({1, 2, 1, 2}));
+  builder.Output(SplitInTwo(builder, parts[1], program::FloatType({1, 1, 1, 2}))[1]);
+  EXPECT_THAT(RunCompiled(builder.program, Tensor::Floats({1, 4, 1, 2}, {1, 2, 3, 4, 5, 6, 7, 8})), ElementsAre(7, 8));
 }
 
 TEST(Executable, RefusesOtherInterfaces) {

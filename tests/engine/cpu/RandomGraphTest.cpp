@@ -37,7 +37,8 @@ class Grower {
         &Grower::Activation, &Grower::Activation,   &Grower::WrittenOut,  &Grower::WrittenOut, &Grower::Binary,
         &Grower::Binary,     &Grower::WithConstant, &Grower::Convolve,    &Grower::Convolve,   &Grower::Convolve,
         &Grower::Transposed, &Grower::Normalize,    &Grower::WrittenNorm, &Grower::Cast,       &Grower::Rearrange,
-        &Grower::Multiply,   &Grower::WithConstant, &Grower::Resample,    &Grower::Reduce,     &Grower::Join};
+        &Grower::Multiply,   &Grower::WithConstant, &Grower::Resample,    &Grower::Reduce,     &Grower::Join,
+        &Grower::Gate};
     for (int i = 0; i < steps; ++i) (this->*random_.Pick(kinds))();
   }
 
@@ -338,6 +339,30 @@ class Grower {
     const Grown mean =
         Apply("reduce_mean", x, {{"axes", {IntsOf({2, 3})}}, {"keep_dims", {Constant(Tensor::Bool(true))}}});
     Keep(random_.Coin() ? mean : Either("mul", x, Apply("sigmoid", mean)));
+  }
+
+  /// Parts of the channels multiplied with each other, mostly behind a convolution.
+  void Gate() {
+    Grown x = Picture();
+    if (x.value.count() > 1200) return;
+    if (random_.Int(0, 3) != 0) {
+      const std::int64_t outputs = 2 * random_.Pick<std::int64_t>({3, 8, 16});
+      const std::int64_t inputs = x.value.shape()[1];
+      const float bound = 1.5F / std::sqrt(static_cast<float>(inputs));
+      x = Shared(Apply("conv", x, {{"weight", {Constant(random_.Floats({outputs, inputs, 1, 1}, -bound, bound))}}}));
+    }
+    Shape size = x.value.shape();
+    const std::int64_t channels = size[1];
+    if (channels % 2 != 0) return;
+    size[1] = channels / 2;
+    const auto part = [&](std::int64_t first) {
+      return Apply("slice_by_size", x, {{"begin", {IntsOf({0, first, 0, 0})}}, {"size", {IntsOf(size)}}});
+    };
+    Grown left = Shared(part(0));
+    const Grown right = Shared(part(channels / 2));
+    if (random_.Coin()) left = Apply(random_.Pick<std::string>({"sigmoid", "gelu", "relu"}), left);
+    if (random_.Int(0, 3) == 0) Keep(Apply("tanh", x));
+    Keep(Either("mul", left, right));
   }
 
   void Join() {

@@ -70,15 +70,21 @@ bool SplitChannels(const std::vector<std::int64_t>& offsets, std::int64_t block,
   return true;
 }
 
+/// True if the source moves as far as the destination does at every iteration.
 bool Counts(const CopyLoop& loop) {
   for (std::size_t i = 0; i < loop.sources.size(); ++i) {
-    if (loop.sources[i] != static_cast<std::int64_t>(i) * loop.stride) return false;
+    const std::int64_t moved = static_cast<std::int64_t>(i) * loop.stride;
+    if (loop.sources[i] == kFiller || loop.sources[i] != loop.sources.front() + moved) return false;
   }
   return true;
 }
 
 void Judge(MoveLoops& result) {
-  result.isIdentity = result.base == 0 && std::ranges::all_of(result.loops, Counts);
+  result.isRange = std::ranges::all_of(result.loops, Counts);
+  if (result.isRange) {
+    result.start = result.base;
+    for (const CopyLoop& loop : result.loops) result.start += loop.sources.empty() ? 0 : loop.sources.front();
+  }
   const auto innermost = std::find_if(result.loops.rbegin(), result.loops.rend(),
                                       [](const CopyLoop& loop) { return loop.sources.size() > 1; });
   if (innermost == result.loops.rend()) return;
@@ -94,9 +100,13 @@ void EmitMoves(Emitter& emitter, const program::Operation& operation, program::V
   for (std::size_t i = 0; i < moves.size(); ++i) {
     const program::ValueId result = operation.results[i];
     MoveLoops loops = *LoopsOf(moves[i], from, to);
-    const bool sameCount = ElementCount(moves[i].source) == ElementCount(moves[i].result);
-    if (loops.isIdentity && sameCount) {
-      emitter.Alias(result, to, source, from);
+    if (loops.isRange) {
+      const bool isWhole = ElementCount(moves[i].source) == ElementCount(moves[i].result);
+      if (isWhole) {
+        emitter.Alias(result, to, source, from);
+      } else {
+        emitter.AliasPart(result, to, source, from, loops.start * elementBytes);
+      }
       continue;
     }
     const std::int64_t baseBytes = loops.base * elementBytes;
@@ -113,9 +123,8 @@ double CostOf(const std::vector<Move>& moves, Layout from, Layout to) {
   double cost = 0.0;
   for (const Move& move : moves) {
     const MoveLoops loops = *LoopsOf(move, from, to);
-    const std::int64_t count = ElementCount(move.result);
-    if (loops.isIdentity && count == ElementCount(move.source)) continue;
-    cost += MemoryCost(8 * count) * (loops.isContiguous ? 1.0 : kScatteredReads);
+    if (loops.isRange) continue;
+    cost += MemoryCost(8 * ElementCount(move.result)) * (loops.isContiguous ? 1.0 : kScatteredReads);
   }
   return cost;
 }

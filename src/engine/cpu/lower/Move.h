@@ -48,7 +48,8 @@ struct Move {
 struct MoveLoops {
   std::vector<CopyLoop> loops;
   std::int64_t base = 0;     ///< offset in the source
-  bool isIdentity = false;   ///< the result's bytes are the source's
+  bool isRange = false;      ///< the result's elements are consecutive in the source
+  std::int64_t start = 0;    ///< then: offset of the first
   bool isContiguous = true;  ///< the innermost loop reads consecutive elements
 };
 
@@ -56,7 +57,7 @@ struct MoveLoops {
 [[nodiscard]] std::optional<MoveLoops> LoopsOf(const Move& move, Layout source, Layout result);
 
 /// Forms of an operation whose results, one for each move, are moved out of `source`: copies between all layouts, or
-/// nothing at all where the bytes are the same. Any kind of elements; `filler` has those bytes.
+/// nothing at all where the bytes are consecutive ones of the source. Any kind of elements; `filler` has those bytes.
 [[nodiscard]] std::vector<Form> MoveForms(const LowerCall& call, program::ValueId source, std::vector<Move> moves,
                                           std::array<char, 4> filler = {});
 
