@@ -27,7 +27,7 @@ std::vector<Form> MapForms(const LowerCall& call, Function function, double cost
   for (const Layout layout : LayoutsOf(call.ShapeOf(x))) {
     Form form;
     form.plan = {{{x, layout}}, layout, cost * MemoryCost(8 * count)};
-    form.emit = [x, layout, count, function](Emitter& emitter, const program::Operation& operation) {
+    form.emit = [layout, count, function](Emitter& emitter, const program::Operation& operation) {
       const BufferId source = emitter.Source(operation.arguments.front().front(), layout);
       const BufferId result =
           emitter.ResultOver(operation.results.front(), operation.arguments.front().front(), layout);
