@@ -75,6 +75,12 @@ WeightLayout OfInnerProduct(const coreml::layers::InnerProduct& layer, std::stri
   return {Shape{outputs, CheckedSize(layer.inputchannels())}};
 }
 
+/// A column for each word.
+WeightLayout OfEmbedding(std::uint64_t outputs, std::uint64_t words, std::string_view field) {
+  if (field == "bias") return {Shape{CheckedSize(outputs)}};
+  return {Shape{CheckedSize(outputs), CheckedSize(words)}};
+}
+
 /// The matrix lies in memory column by column.
 WeightLayout OfBatchedMatmul(const coreml::layers::BatchedMatmul& layer, std::string_view field) {
   const std::int64_t columns = CheckedSize(layer.weightmatrixseconddimension());
@@ -92,6 +98,10 @@ WeightLayout LayoutOf(const Layer& layer, std::string_view field) {
       return OfConvolution3D(layer.convolution3d(), field);
     case Layer::kInnerProduct:
       return OfInnerProduct(layer.innerproduct(), field);
+    case Layer::kEmbedding:
+      return OfEmbedding(layer.embedding().outputchannels(), layer.embedding().inputdim(), field);
+    case Layer::kEmbeddingND:
+      return OfEmbedding(layer.embeddingnd().embeddingsize(), layer.embeddingnd().vocabsize(), field);
     case Layer::kBatchedMatmul:
       return OfBatchedMatmul(layer.batchedmatmul(), field);
     case Layer::kBatchnorm:

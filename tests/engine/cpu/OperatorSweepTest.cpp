@@ -25,11 +25,12 @@ void SweepUnary(const std::string& key, float low, float high, const Tolerance& 
 }
 
 TEST(OperatorSweep, UnaryFunctions) {
-  for (const std::string key : {"abs", "atan", "ceil", "cos", "cosh", "erf", "exp", "exp2", "floor", "round", "sign",
-                                "sin", "sinh", "square", "tanh"}) {
+  for (const std::string key : {"abs", "asinh", "atan", "ceil", "cos", "cosh", "erf", "exp", "exp2", "floor", "round",
+                                "sign", "sin", "sinh", "square", "tanh"}) {
     SweepUnary(key, -3.0F, 3.0F, {4e-6, 4e-6});
   }
   for (const std::string key : {"acos", "asin", "atanh"}) SweepUnary(key, -0.95F, 0.95F);
+  SweepUnary("acosh", 1.0F, 30.0F);
   SweepUnary("tan", -1.3F, 1.3F);
   SweepUnary("sqrt", 0.0F, 9.0F);
   SweepUnary("log", 0.01F, 5.0F);

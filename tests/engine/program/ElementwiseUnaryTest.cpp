@@ -34,6 +34,8 @@ TEST(ElementwiseUnary, FunctionsAtAPoint) {
   EXPECT_FLOAT_EQ(OfOne("acos", 0.5F), 1.0471976F);
   EXPECT_FLOAT_EQ(OfOne("atan", 0.5F), 0.46364761F);
   EXPECT_FLOAT_EQ(OfOne("atanh", 0.5F), 0.54930614F);
+  EXPECT_FLOAT_EQ(OfOne("asinh", 0.5F), 0.48121183F);
+  EXPECT_FLOAT_EQ(OfOne("acosh", 1.5F), 0.96242365F);
   EXPECT_FLOAT_EQ(OfOne("sinh", 0.5F), 0.52109531F);
   EXPECT_FLOAT_EQ(OfOne("cosh", 0.5F), 1.1276260F);
   EXPECT_FLOAT_EQ(OfOne("erf", 0.5F), 0.52049988F);

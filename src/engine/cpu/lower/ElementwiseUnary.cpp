@@ -38,14 +38,32 @@ std::vector<Form> LowerRsqrt(const LowerCall& call) {
 }  // namespace
 
 std::vector<LoweringEntry> ElementwiseUnaryLowerings() {
-  return {{"abs", LowerEltwise},           {"acos", LowerMap<std::acos>},   {"asin", LowerMap<std::asin>},
-          {"atan", LowerMap<std::atan>},   {"atanh", LowerMap<std::atanh>}, {"ceil", LowerMap<std::ceil>},
-          {"clip", LowerEltwise},          {"cos", LowerMap<std::cos>},     {"cosh", LowerMap<std::cosh>},
-          {"erf", LowerMap<std::erf>},     {"exp", LowerEltwise},           {"exp2", LowerMap<std::exp2>},
-          {"floor", LowerMap<std::floor>}, {"inverse", LowerInverse},       {"log", LowerLog},
-          {"round", LowerEltwise},         {"rsqrt", LowerRsqrt},           {"sign", LowerMap<Sign>},
-          {"sin", LowerMap<std::sin>},     {"sinh", LowerMap<std::sinh>},   {"sqrt", LowerEltwise},
-          {"square", LowerEltwise},        {"tan", LowerMap<std::tan>},     {"threshold", LowerEltwise}};
+  return {{"abs", LowerEltwise},
+          {"acos", LowerMap<std::acos>},
+          {"acosh", LowerMap<std::acosh>},
+          {"asin", LowerMap<std::asin>},
+          {"asinh", LowerMap<std::asinh>},
+          {"atan", LowerMap<std::atan>},
+          {"atanh", LowerMap<std::atanh>},
+          {"ceil", LowerMap<std::ceil>},
+          {"clip", LowerEltwise},
+          {"cos", LowerMap<std::cos>},
+          {"cosh", LowerMap<std::cosh>},
+          {"erf", LowerMap<std::erf>},
+          {"exp", LowerEltwise},
+          {"exp2", LowerMap<std::exp2>},
+          {"floor", LowerMap<std::floor>},
+          {"inverse", LowerInverse},
+          {"log", LowerLog},
+          {"round", LowerEltwise},
+          {"rsqrt", LowerRsqrt},
+          {"sign", LowerMap<Sign>},
+          {"sin", LowerMap<std::sin>},
+          {"sinh", LowerMap<std::sinh>},
+          {"sqrt", LowerEltwise},
+          {"square", LowerEltwise},
+          {"tan", LowerMap<std::tan>},
+          {"threshold", LowerEltwise}};
 }
 
 }  // namespace ulmora::engine::cpu

@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace ulmora::engine::program {
@@ -21,11 +22,33 @@ using package::NamedType;
 using package::SourceLayer;
 using package::SourceNetwork;
 
-/// The operation set whose rules the translation relies on: zeros of a reshape copy dimensions counted from the right.
-constexpr int kOpset = 9;
+/// The operation set of the same age as the newest layers, whose rules are theirs: indices below zero count from the
+/// end, and beyond the borders of an image its outermost pixels go on.
+constexpr int kOpset = 5;
 
 [[noreturn]] void Fail(const std::string& message) {
   throw Error(Stage::Translate, message);
+}
+
+/// Why layers of a kind that the format knows are not run.
+std::string WhyNot(const std::string& kind) {
+  static constexpr std::pair<std::string_view, std::string_view> kReasons[] = {
+      {"simpleRecurrent", "recurrent layers are not supported"},
+      {"gru", "recurrent layers are not supported"},
+      {"uniDirectionalLSTM", "recurrent layers are not supported"},
+      {"biDirectionalLSTM", "recurrent layers are not supported"},
+      {"custom", "what it computes is not part of the model"},
+      {"branch", "control flow is not supported"},
+      {"loop", "control flow is not supported"},
+      {"random", "results that differ from run to run are not supported"},
+      {"categoricalDistribution", "results that differ from run to run are not supported"},
+      {"whereNonZero", "results whose size depends on the image's contents are not supported"},
+      {"NonMaximumSuppression", "detection of objects is not supported"},
+  };
+  for (const auto& [beginning, reason] : kReasons) {
+    if (kind.starts_with(beginning)) return std::string(reason);
+  }
+  return "layers of this kind cannot be run";
 }
 
 class Importer {
@@ -54,7 +77,7 @@ class Importer {
     const layers::LayerRule* const rule = layers::FindRule(source.kind);
     if (rule == nullptr) {
       if (source.kind.empty()) Fail("layer '" + source.name + "' is of an unknown kind");
-      layer.Fail("layers of this kind cannot be run");
+      layer.Fail(WhyNot(source.kind));
     }
     rule->translate(layer);
   }

@@ -141,6 +141,9 @@ std::vector<OpDefinition> ElementwiseUnaryOps() {
       FloatFunction<std::acos>("acos"),
       FloatFunction<std::atan>("atan"),
       FloatFunction<std::atanh>("atanh"),
+      // The package format has these two as layers of networks only.
+      FloatFunction<std::asinh>("asinh"),
+      FloatFunction<std::acosh>("acosh"),
       FloatFunction<std::sinh>("sinh"),
       FloatFunction<std::cosh>("cosh"),
       FloatFunction<std::erf>("erf"),

@@ -10,9 +10,9 @@ namespace {
 LayerRules BuildTable() {
   LayerRules all;
   for (const LayerRules& family :
-       {ActivationLayers(), ArithmeticLayers(), ConstantLayers(), ConvolutionLayers(), FunctionLayers(), JoinLayers(),
-        LinearLayers(), LogicLayers(), NormalizationLayers(), PaddingLayers(), PoolingLayers(), ReductionLayers(),
-        ResamplingLayers(), ReshapeLayers(), SliceLayers()}) {
+       {ActivationLayers(), ArithmeticLayers(), ConstantLayers(), ConvolutionLayers(), FunctionLayers(), IndexLayers(),
+        JoinLayers(), LinearLayers(), LogicLayers(), NormalizationLayers(), PaddingLayers(), PoolingLayers(),
+        ReductionLayers(), ResamplingLayers(), ReshapeLayers(), SliceLayers()}) {
     all.insert(all.end(), family.begin(), family.end());
   }
   std::ranges::sort(all, {}, &LayerRule::kind);

@@ -21,6 +21,7 @@ using LayerRules = std::vector<LayerRule>;
 [[nodiscard]] LayerRules ConstantLayers();
 [[nodiscard]] LayerRules ConvolutionLayers();
 [[nodiscard]] LayerRules FunctionLayers();
+[[nodiscard]] LayerRules IndexLayers();
 [[nodiscard]] LayerRules JoinLayers();
 [[nodiscard]] LayerRules LinearLayers();
 [[nodiscard]] LayerRules LogicLayers();

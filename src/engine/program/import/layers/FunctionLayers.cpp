@@ -60,7 +60,7 @@ void Copy(Layer& layer) {
 LayerRules FunctionLayers() {
   LayerRules rules = {{"unary", Unary}, {"clip", Clip}, {"copy", Copy}};
   for (const char* kind : {"ceil", "floor", "sign", "round", "exp2", "sin", "cos", "tan", "asin", "acos", "atan",
-                           "sinh", "cosh", "tanh", "atanh", "erf"}) {
+                           "sinh", "cosh", "tanh", "asinh", "acosh", "atanh", "erf"}) {
     rules.push_back({kind, SameName});
   }
   return rules;

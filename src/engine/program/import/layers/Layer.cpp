@@ -19,15 +19,16 @@ bool IsAmong(std::string_view key, std::initializer_list<std::string_view> keys)
   return std::ranges::find(keys, key) != keys.end();
 }
 
-/// What the results of an operation hold: what its first operand does, but for those that ask or count.
-ElementType ElementOfResult(const Program& program, const Operation& operation) {
+/// What a result of an operation holds: what its first operand does, but for those that ask or count.
+ElementType ElementOfResult(const Program& program, const Operation& operation, std::size_t result) {
   const std::string_view key = operation.definition->key;
   if (IsAmong(key, {"equal", "not_equal", "less", "less_equal", "greater", "greater_equal", "logical_and", "logical_or",
                     "logical_xor", "logical_not"})) {
     return ElementType::Bool;
   }
-  if (IsAmong(key, {"shape", "reduce_argmax", "reduce_argmin"})) return ElementType::Int32;
-  if (IsAmong(key, {"fill", "fill_like"})) return ElementType::Float32;
+  if (IsAmong(key, {"shape", "reduce_argmax", "reduce_argmin", "argsort"})) return ElementType::Int32;
+  if (IsAmong(key, {"fill", "fill_like", "one_hot"})) return ElementType::Float32;
+  if (key == "topk" && result == 1) return ElementType::Int32;
   const auto operand = [&](std::string_view parameter) -> const Value& {
     const auto index = static_cast<std::size_t>(operation.definition->IndexOf(parameter));
     return program.at(operation.arguments.at(index).front());
@@ -144,8 +145,8 @@ ValueId Layer::Planes(const Blob& blob) {
   RequireRank(blob, 3);
   if (blob.rank == 4) return blob.value;
   if (blob.rank == 3) return Emit("expand_dims", {{"x", blob}, {"axes", Tensor::IntVector({0})}});
-  // Zeros copy the dimensions at the same distance from the right.
-  return Emit("reshape", {{"x", blob}, {"shape", Tensor::IntVector({-1, 0, 0, 0})}});
+  const ValueId shape = JoinedSizes({Constant(Tensor::IntVector({-1})), Sizes(blob.value, blob.rank - 3, blob.rank)});
+  return Emit("reshape", {{"x", blob}, {"shape", shape}});
 }
 
 Blob Layer::FromPlanes(const Blob& like, ValueId planes) {
@@ -154,12 +155,8 @@ Blob Layer::FromPlanes(const Blob& like, ValueId planes) {
   if (like.rank == 3) {
     result.value = Emit("squeeze", {{"x", planes}, {"axes", Tensor::IntVector({0})}});
   } else if (like.rank > 4) {
-    const ValueId shape = Emit("shape", {{"x", like}});
-    const ValueId leading =
-        Emit("slice_by_index", {{"x", shape}, {"begin", Tensor::IntVector({0})}, {"end", Tensor::IntVector({-3})}});
-    const ValueId target =
-        Emit("concat", {{"values", Operands{leading, Constant(Tensor::IntVector({0, 0, 0}))}}, {"axis", Axis(0)}});
-    result.value = Emit("reshape", {{"x", planes}, {"shape", target}});
+    const ValueId shape = JoinedSizes({Sizes(like.value, 0, like.rank - 3), Sizes(planes, 1, 4)});
+    result.value = Emit("reshape", {{"x", planes}, {"shape", shape}});
   }
   return result;
 }
@@ -170,6 +167,16 @@ std::size_t Layer::DeclaredRank() const {
     Fail("does not say which rank its output has");
   }
   return static_cast<std::size_t>(source_.outputRanks.front());
+}
+
+const Tensor* Layer::KnownValue(const Blob& blob) const {
+  const std::optional<Tensor>& constant = program_.at(blob.value).constant;
+  return constant ? &*constant : nullptr;
+}
+
+std::int64_t Layer::KnownLastDim(const Blob& blob) const {
+  const TensorType& type = program_.at(blob.value).type;
+  return type.rankKnown && !type.shape.empty() ? type.shape.back() : kUnknownDim;
 }
 
 ValueId Layer::AddValue(Value value) {
@@ -200,8 +207,9 @@ std::vector<ValueId> Layer::EmitSeveral(std::string_view key, Arguments argument
     operation.arguments.at(index) =
         constant != nullptr ? Operands{Constant(*constant)} : std::get<Operands>(argument.operand());
   }
-  const TensorType type{ElementOfResult(program_, operation), {}, false};
-  for (std::size_t i = 0; i < results; ++i) operation.results.push_back(AddValue({source_.name, type, {}}));
+  for (std::size_t i = 0; i < results; ++i) {
+    operation.results.push_back(AddValue({source_.name, {ElementOfResult(program_, operation, i), {}, false}, {}}));
+  }
   program_.operations.push_back(operation);
   return operation.results;
 }
@@ -210,11 +218,26 @@ ValueId Layer::Whole(const Blob& blob) {
   return Emit("cast", {{"x", blob}, {"dtype", "int32"}});
 }
 
+ValueId Layer::WholeScalar(const Blob& blob) {
+  return Emit("squeeze", {{"x", Whole(blob)}});
+}
+
 ValueId Layer::AsFloats(ValueId value) {
   return Emit("cast", {{"x", value}, {"dtype", "fp32"}});
 }
 
+ValueId Layer::Sizes(ValueId value, std::size_t begin, std::size_t end) {
+  return Emit("slice_by_index", {{"x", Emit("shape", {{"x", value}})},
+                                 {"begin", Tensor::IntVector({static_cast<std::int32_t>(begin)})},
+                                 {"end", Tensor::IntVector({static_cast<std::int32_t>(end)})}});
+}
+
+ValueId Layer::JoinedSizes(Operands vectors) {
+  return Emit("concat", {{"values", std::move(vectors)}, {"axis", Axis(0)}});
+}
+
 void Layer::SetOutput(Blob blob, std::size_t index) {
+  if (blob.rank == 0) blob = {Emit("expand_dims", {{"x", blob}, {"axes", Tensor::IntVector({0})}}), 1};
   if (blob.LogicalRank() > limits::kMaxRank) {
     Fail("has an output of rank " + std::to_string(blob.LogicalRank()) + ", expected at most " +
          std::to_string(limits::kMaxRank));

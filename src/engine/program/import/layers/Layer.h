@@ -89,6 +89,10 @@ class Layer {
   [[nodiscard]] Blob FromPlanes(const Blob& like, ValueId planes);
   /// The rank that the layer says its output has. Fails if it does not.
   [[nodiscard]] std::size_t DeclaredRank() const;
+  /// The elements of the blob where a layer before loads them; else null.
+  [[nodiscard]] const Tensor* KnownValue(const Blob& blob) const;
+  /// Size of the blob's last dimension, or kUnknownDim where it follows from other sizes.
+  [[nodiscard]] std::int64_t KnownLastDim(const Blob& blob) const;
 
   // Emission.
   /// Appends an operation with one result.
@@ -98,8 +102,15 @@ class Layer {
   ValueId Constant(Tensor tensor);
   /// A blob of numbers that stand for sizes or indices, as int32.
   ValueId Whole(const Blob& blob);
+  /// The only element of such a blob, as an int32 of rank 0.
+  ValueId WholeScalar(const Blob& blob);
   /// Truth values or integers as a blob of float32.
   ValueId AsFloats(ValueId value);
+  /// Sizes of dimensions [begin, end) of a value, as a vector of int32.
+  ValueId Sizes(ValueId value, std::size_t begin, std::size_t end);
+  /// Vectors of sizes one after another.
+  ValueId JoinedSizes(Operands vectors);
+  /// Blobs have at least one dimension: a single number becomes a vector.
   void SetOutput(Blob blob, std::size_t index = 0);
 
  private:

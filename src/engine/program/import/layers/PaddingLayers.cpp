@@ -20,41 +20,39 @@ void Padding(Layer& layer) {
   SetLikeInput(layer, layer.Emit("pad", std::move(arguments)));
 }
 
-/// The amounts that make each dimension as large as the one of its two entries that is not zero says, on that side.
-ValueId AmountsToSizes(Layer& layer, const Blob& input, const std::vector<std::int32_t>& sizes) {
+/// The amounts that make each dimension as large as the one of its two entries in `sizes` that is not zero says, on
+/// that side.
+ValueId AmountsToSizes(Layer& layer, const Blob& input, ValueId sizes) {
   std::vector<std::int32_t> dimensions;
-  std::vector<std::int32_t> wanted;
-  for (std::size_t i = 0; i < sizes.size(); ++i) {
-    dimensions.push_back(static_cast<std::int32_t>(i / 2));
-    wanted.push_back(sizes[i] > 0 ? 1 : 0);
-  }
+  for (std::size_t i = 0; i < 2 * input.rank; ++i) dimensions.push_back(static_cast<std::int32_t>(i / 2));
   const ValueId shape = layer.Emit("shape", {{"x", input}});
   const ValueId current =
       layer.Emit("gather", {{"x", shape}, {"indices", Tensor::IntVector(std::move(dimensions))}, {"axis", Axis(0)}});
-  const ValueId missing = layer.Emit("sub", {{"x", layer.Constant(Tensor::IntVector(sizes))}, {"y", current}});
-  return layer.Emit("mul", {{"x", missing}, {"y", Tensor::IntVector(std::move(wanted))}});
+  const ValueId missing = layer.Emit("sub", {{"x", sizes}, {"y", current}});
+  const ValueId isWanted = layer.Emit("greater", {{"x", sizes}, {"y", Tensor::Int(0)}});
+  return layer.Emit("mul", {{"x", missing}, {"y", layer.Emit("cast", {{"x", isWanted}, {"dtype", "int32"}})}});
+}
+
+/// Numbers before and after, of each dimension: from the second input, or the layer's own.
+ValueId AmountsOf(Layer& layer, const Blob& input) {
+  if (layer.InputCount() == 2) return layer.Whole(layer.Input(1));
+  const std::vector<std::int32_t> amounts = layer.Ints("padAmounts");
+  if (amounts.size() != 2 * input.rank) {
+    layer.Fail("padAmounts has " + std::to_string(amounts.size()) + " entries, expected " +
+               std::to_string(2 * input.rank));
+  }
+  return layer.Constant(Tensor::IntVector(amounts));
 }
 
 void ConstantPad(Layer& layer) {
   layer.Require(1, 2);
   const Blob input = layer.FullInput();
-  Arguments arguments = {{"x", input}, {"mode", "constant"}, {"constant_val", Tensor::Float(layer.Float("value"))}};
-  if (layer.InputCount() == 2) {
-    if (layer.Bool("padToGivenOutputSizeMode")) layer.Fail("takes the size of its output from an input");
-    arguments.emplace_back("pad", layer.Whole(layer.Input(1)));
-  } else {
-    const std::vector<std::int32_t> amounts = layer.Ints("padAmounts");
-    if (amounts.size() != 2 * input.rank) {
-      layer.Fail("padAmounts has " + std::to_string(amounts.size()) + " entries, expected " +
-                 std::to_string(2 * input.rank));
-    }
-    if (layer.Bool("padToGivenOutputSizeMode")) {
-      arguments.emplace_back("pad", AmountsToSizes(layer, input, amounts));
-    } else {
-      arguments.emplace_back("pad", Tensor::IntVector(amounts));
-    }
-  }
-  layer.SetOutput({layer.Emit("pad", std::move(arguments)), input.rank});
+  ValueId amounts = AmountsOf(layer, input);
+  if (layer.Bool("padToGivenOutputSizeMode")) amounts = AmountsToSizes(layer, input, amounts);
+  const ValueId value = layer.Emit(
+      "pad",
+      {{"x", input}, {"pad", amounts}, {"mode", "constant"}, {"constant_val", Tensor::Float(layer.Float("value"))}});
+  layer.SetOutput({value, input.rank});
 }
 
 /// Zeros but for the last two of `rank` entries.
@@ -80,12 +78,9 @@ ValueId CropBorders(Layer& layer, const Blob& input) {
 /// As large as the second input, from the offset on.
 ValueId CropLike(Layer& layer, const Blob& input, const Blob& reference) {
   const std::vector<std::int32_t> offset = layer.Pair("offset", 0);
-  const ValueId shape = layer.Emit("shape", {{"x", reference}});
-  const auto rank = static_cast<std::int32_t>(reference.rank);
-  const ValueId plane = layer.Emit(
-      "slice_by_index", {{"x", shape}, {"begin", Tensor::IntVector({rank - 2})}, {"end", Tensor::IntVector({rank})}});
   const ValueId rest = layer.Constant(Tensor::IntVector(std::vector<std::int32_t>(input.rank - 2, -1)));
-  const ValueId size = layer.Emit("concat", {{"values", Operands{rest, plane}}, {"axis", Axis(0)}});
+  const ValueId plane = layer.Sizes(reference.value, reference.rank - 2, reference.rank);
+  const ValueId size = layer.JoinedSizes({rest, plane});
   const Tensor begin = Tensor::IntVector(OnPlane(input.rank, 0, offset[0], offset[1]));
   return layer.Emit("slice_by_size", {{"x", input}, {"begin", begin}, {"size", size}});
 }

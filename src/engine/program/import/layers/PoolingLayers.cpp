@@ -1,6 +1,7 @@
 // pooling over height and width, and its kin over depth, too.
 
 #include "engine/program/import/layers/Families.h"
+#include "engine/program/import/layers/Windows.h"
 
 #include <string>
 
@@ -19,20 +20,12 @@ ValueId PoolAll(Layer& layer, const Blob& input, const std::string& type, std::v
                     {{"x", input}, {"axes", Tensor::IntVector(std::move(axes))}, {"keep_dims", Tensor::Bool(true)}});
 }
 
-void AddPadding(const Layer& layer, Arguments& arguments) {
-  if (layer.Has("same")) {
-    const bool before = layer.Text("same.asymmetryMode") == "TOP_LEFT_HEAVY";
-    arguments.emplace_back("pad_type", before ? "same_lower" : "same");
-    return;
-  }
-  std::vector<std::int32_t> pads = layer.Borders("valid.paddingAmounts");
-  if (layer.Has("includeLastPixel")) {
-    const std::vector<std::int32_t> amounts = layer.Pair("includeLastPixel.paddingAmounts", 0);
-    pads = {amounts[0], amounts[0], amounts[1], amounts[1]};
-    arguments.emplace_back("ceil_mode", Tensor::Bool(true));
-  }
+/// Windows that reach over the end, so that they include the last element.
+void AddLastPixelPadding(const Layer& layer, Arguments& arguments) {
+  const std::vector<std::int32_t> amounts = layer.Pair("includeLastPixel.paddingAmounts", 0);
+  arguments.emplace_back("ceil_mode", Tensor::Bool(true));
   arguments.emplace_back("pad_type", "custom");
-  arguments.emplace_back("pad", Tensor::IntVector(std::move(pads)));
+  arguments.emplace_back("pad", Tensor::IntVector({amounts[0], amounts[0], amounts[1], amounts[1]}));
 }
 
 void Pooling(Layer& layer) {
@@ -47,42 +40,23 @@ void Pooling(Layer& layer) {
   Arguments arguments = {{"x", layer.Planes(input)},
                          {"kernel_sizes", Tensor::IntVector(layer.Pair("kernelSize", 3))},
                          {"strides", Tensor::IntVector(layer.Pair("stride", 1))}};
-  AddPadding(layer, arguments);
+  if (layer.Has("includeLastPixel")) {
+    AddLastPixelPadding(layer, arguments);
+  } else {
+    AddPlanePadding(layer, arguments);
+  }
   if (type == "AVERAGE") {
     arguments.emplace_back("exclude_padding_from_average", Tensor::Bool(layer.Bool("avgPoolExcludePadding")));
   }
   layer.SetOutput(layer.FromPlanes(input, layer.Emit(PoolOf(type), std::move(arguments))));
 }
 
-Tensor Triple(const Layer& layer, const std::string& prefix) {
-  std::vector<std::int32_t> sizes;
-  for (const char* axis : {"Depth", "Height", "Width"}) {
-    sizes.push_back(static_cast<std::int32_t>(layer.Int(prefix + axis)));
-  }
-  return Tensor::IntVector(std::move(sizes));
-}
-
-Blob VolumeOf(Layer& layer) {
-  layer.Require(1, 1);
-  const Blob input = layer.FullInput();
-  if (input.rank != 5) layer.Fail("has an input of rank " + std::to_string(input.rank) + ", expected 5");
-  return input;
-}
-
 void Pooling3d(Layer& layer) {
-  const Blob input = VolumeOf(layer);
+  const Blob input = VolumeInput(layer);
   const std::string& type = layer.Text("type");
-  Arguments arguments = {{"x", input}, {"kernel_sizes", Triple(layer, "kernel")}, {"strides", Triple(layer, "stride")}};
-  if (layer.Text("paddingType") == "CUSTOM") {
-    std::vector<std::int32_t> pads;
-    for (const char* side : {"Front", "Back", "Top", "Bottom", "Left", "Right"}) {
-      pads.push_back(static_cast<std::int32_t>(layer.Int(std::string("customPadding") + side)));
-    }
-    arguments.emplace_back("pad_type", "custom");
-    arguments.emplace_back("pad", Tensor::IntVector(std::move(pads)));
-  } else {
-    arguments.emplace_back("pad_type", layer.Text("paddingType") == "SAME" ? "same" : "valid");
-  }
+  Arguments arguments = {
+      {"x", input}, {"kernel_sizes", VolumeSizes(layer, "kernel", 0)}, {"strides", VolumeSizes(layer, "stride", 1)}};
+  AddVolumePadding(layer, arguments);
   if (type == "AVERAGE") {
     arguments.emplace_back("exclude_padding_from_average", Tensor::Bool(layer.Bool("countExcludePadding")));
   }
@@ -90,7 +64,7 @@ void Pooling3d(Layer& layer) {
 }
 
 void GlobalPooling3d(Layer& layer) {
-  const Blob input = VolumeOf(layer);
+  const Blob input = VolumeInput(layer);
   layer.SetOutput({PoolAll(layer, input, layer.Text("type"), {-3, -2, -1}), 5});
 }
 

@@ -53,12 +53,6 @@ void Reduce(Layer& layer) {
   }
 }
 
-/// Blobs have at least one dimension.
-Blob AtLeastVector(Layer& layer, Blob blob) {
-  if (blob.rank > 0) return blob;
-  return {layer.Emit("expand_dims", {{"x", blob}, {"axes", Tensor::IntVector({0})}}), 1};
-}
-
 template <const char* kOperation>
 void ReduceAxes(Layer& layer) {
   layer.Require(1, 1);
@@ -71,7 +65,7 @@ void ReduceAxes(Layer& layer) {
   const std::size_t reduced = axes.empty() ? input.rank : axes.size();
   if (!axes.empty()) arguments.emplace_back("axes", Tensor::IntVector(std::move(axes)));
   const ValueId value = layer.Emit(kOperation, std::move(arguments));
-  layer.SetOutput(AtLeastVector(layer, {value, keep ? input.rank : input.rank - reduced}));
+  layer.SetOutput({value, keep ? input.rank : input.rank - reduced});
 }
 
 template <const char* kOperation>
@@ -81,7 +75,7 @@ void ArgExtreme(Layer& layer) {
   const bool keep = !layer.Bool("removeDim");
   const ValueId position =
       layer.Emit(kOperation, {{"x", input}, {"axis", Axis(layer.Int("axis"))}, {"keep_dims", Tensor::Bool(keep)}});
-  layer.SetOutput(AtLeastVector(layer, {layer.AsFloats(position), keep ? input.rank : input.rank - 1}));
+  layer.SetOutput({layer.AsFloats(position), keep ? input.rank : input.rank - 1});
 }
 
 void CumSum(Layer& layer) {

@@ -1,4 +1,4 @@
-// upsample, resizeBilinear and reorganizeData: other grids of pixels.
+// upsample, resizeBilinear, cropResize and reorganizeData: other grids of pixels.
 
 #include "engine/program/import/layers/Families.h"
 
@@ -32,21 +32,42 @@ void Upsample(Layer& layer) {
   SetLikeInput(layer, layer.Emit(bilinear ? "upsample_bilinear" : "upsample_nearest_neighbor", std::move(arguments)));
 }
 
-const char* GridOf(const std::string& method) {
+const char* GridNamed(const std::string& method) {
   if (method == "STRICT_ALIGN_ENDPOINTS_MODE") return "STRICT_ALIGN_CORNERS";
   if (method == "ALIGN_ENDPOINTS_MODE") return "ALIGN_CORNERS";
   return method == "UPSAMPLE_MODE" ? "DEFAULT" : "OFFSET_CORNERS";
+}
+
+const char* GridOf(const Layer& layer) {
+  return GridNamed(layer.Has("mode") ? layer.Text("mode.samplingMethod") : "STRICT_ALIGN_ENDPOINTS_MODE");
 }
 
 void ResizeBilinear(Layer& layer) {
   layer.Require(1, 1);
   layer.RequireRank(layer.Input(), 3);
   const std::vector<std::int32_t> size = layer.Pair("targetSize", 1);
-  const std::string method = layer.Has("mode") ? layer.Text("mode.samplingMethod") : "STRICT_ALIGN_ENDPOINTS_MODE";
   SetLikeInput(layer, layer.Emit("resize_bilinear", {{"x", layer.Input()},
                                                      {"target_size_height", Tensor::Int(size[0])},
                                                      {"target_size_width", Tensor::Int(size[1])},
-                                                     {"sampling_mode", GridOf(method)}}));
+                                                     {"sampling_mode", GridOf(layer)}}));
+}
+
+/// Boxes [n, 1, 4 or 5, 1, 1], cut out of the planes of the first input and resized: [n, batch or 1, C, H, W].
+void CropResize(Layer& layer) {
+  layer.Require(2, 2);
+  const std::vector<std::int32_t> size = layer.Pair("targetSize", 1);
+  const std::string corners =
+      layer.Has("boxIndicesMode") ? layer.Text("boxIndicesMode.boxMode") : "CORNERS_HEIGHT_FIRST";
+  const ValueId value =
+      layer.Emit("crop_resize", {{"x", layer.Planes(layer.Input(0))},
+                                 {"roi", layer.FullInput(1)},
+                                 {"target_height", Tensor::Int(size[0])},
+                                 {"target_width", Tensor::Int(size[1])},
+                                 {"normalized_coordinates", Tensor::Bool(layer.Bool("normalizedCoordinates"))},
+                                 {"spatial_scale", Tensor::Float(layer.FloatOr("spatialScale", 1.0F))},
+                                 {"box_coordinate_mode", corners},
+                                 {"sampling_mode", GridOf(layer)}});
+  layer.SetOutput({value, 5});
 }
 
 void ReorganizeData(Layer& layer) {
@@ -65,7 +86,10 @@ void ReorganizeData(Layer& layer) {
 }  // namespace
 
 LayerRules ResamplingLayers() {
-  return {{"upsample", Upsample}, {"resizeBilinear", ResizeBilinear}, {"reorganizeData", ReorganizeData}};
+  return {{"upsample", Upsample},
+          {"resizeBilinear", ResizeBilinear},
+          {"cropResize", CropResize},
+          {"reorganizeData", ReorganizeData}};
 }
 
 }  // namespace ulmora::engine::program::layers

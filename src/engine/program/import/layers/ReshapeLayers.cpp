@@ -24,6 +24,17 @@ ValueId ReshapedPlanes(Layer& layer, ValueId planes, const std::vector<std::int3
   return Transposed(layer, Reshaped(layer, last, {0, to[1], to[2], to[0]}), {0, 3, 1, 2});
 }
 
+/// Reshapes [sequence, N, C, H, W] to [s, N, c, h, w]. The elements of each n are counted in the order [sequence, C, H,
+/// W], or, where channels come last, [sequence, H, W, C]: the format does not say where the sequence belongs then.
+ValueId ReshapedSequence(Layer& layer, ValueId x, const std::vector<std::int32_t>& to) {
+  if (layer.Text("mode") == "CHANNEL_FIRST") {
+    const ValueId batches = Transposed(layer, x, {1, 0, 2, 3, 4});
+    return Transposed(layer, Reshaped(layer, batches, {0, to[0], to[1], to[2], to[3]}), {1, 0, 2, 3, 4});
+  }
+  const ValueId last = Transposed(layer, x, {1, 0, 3, 4, 2});
+  return Transposed(layer, Reshaped(layer, last, {0, to[0], to[2], to[3], to[1]}), {1, 0, 4, 2, 3});
+}
+
 /// [C, H, W] of each element of sequence and batch; or [sequence, C, H, W], which counts elements over the sequence.
 void Reshape(Layer& layer) {
   layer.Require(1, 1);
@@ -42,12 +53,11 @@ void Reshape(Layer& layer) {
     layer.SetOutput(layer.FromPlanes(input, ReshapedPlanes(layer, layer.Planes(input), target)));
     return;
   }
-  if (layer.Text("mode") != "CHANNEL_FIRST") layer.Fail("reorders a sequence by channels, which is not supported");
   // A blob of rank 4 has no sequence, which is one of a single element.
   const Blob full = input.rank == 4 ? layer.Full({input.value, input.rank, true}) : input;
   if (full.rank != 5) layer.Fail("has an input of rank " + std::to_string(full.rank) + ", expected 5");
-  const std::int32_t sequence = layer.Ints("targetShape").front();
-  layer.SetOutput({Reshaped(layer, full.value, {sequence, 0, target[0], target[1], target[2]}), 5});
+  target.insert(target.begin(), layer.Ints("targetShape").front());
+  layer.SetOutput({ReshapedSequence(layer, full.value, target), 5});
 }
 
 /// [..., C * H * W, 1, 1].
@@ -92,7 +102,6 @@ void ExpandDims(Layer& layer) {
   layer.SetOutput({value, input.rank + axes.size()});
 }
 
-/// At least one dimension is left.
 void Squeeze(Layer& layer) {
   layer.Require(1, 1);
   const Blob input = layer.FullInput();
@@ -104,7 +113,6 @@ void Squeeze(Layer& layer) {
     if (axes.size() > input.rank) layer.Fail("has " + std::to_string(axes.size()) + " axes, but its input less");
     const ValueId value = layer.Emit("squeeze", {{"x", input}, {"axes", Tensor::IntVector(axes)}});
     output = {value, input.rank - axes.size()};
-    if (output.rank == 0) output = {Reshaped(layer, value, {1}), 1};
   }
   layer.SetOutput(output);
 }

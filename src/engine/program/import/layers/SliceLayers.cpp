@@ -1,4 +1,4 @@
-// slice, its kin that cut any axes, gather, reverse and bands of matrices: some elements of a blob.
+// slice, its kin that cut any axes, windows, reverse, and bands of matrices: some elements of a blob.
 
 #include "engine/program/import/layers/Families.h"
 
@@ -55,48 +55,81 @@ std::size_t RankWithout(const Masks& squeezed, std::size_t rank) {
   return rank - static_cast<std::size_t>(std::ranges::count(squeezed, 1));
 }
 
-void SetSlice(Layer& layer, const Blob& input, Arguments arguments) {
-  const Masks squeezed = MaskOf(layer, "squeezeMasks", input.rank);
-  arguments.emplace_back("x", input);
-  arguments.emplace_back("begin_mask", MaskTensor(MaskOf(layer, "beginMasks", input.rank)));
-  arguments.emplace_back("end_mask", MaskTensor(MaskOf(layer, "endMasks", input.rank)));
-  arguments.emplace_back("squeeze_mask", MaskTensor(squeezed));
-  const ValueId value = layer.Emit("slice_by_index", std::move(arguments));
-  const std::size_t rank = RankWithout(squeezed, input.rank);
-  if (rank > 0) return layer.SetOutput({value, rank});
-  layer.SetOutput({layer.Emit("expand_dims", {{"x", value}, {"axes", Tensor::IntVector({0})}}), 1});
-}
-
-Tensor Strides(const Layer& layer, std::size_t rank) {
-  const std::vector<std::int32_t> given = layer.Ints("strides");
-  return Tensor::IntVector(given.empty() ? std::vector<std::int32_t>(rank, 1) : given);
-}
-
 void SliceStatic(Layer& layer) {
   layer.Require(1, 1);
   const Blob input = layer.FullInput();
-  SetSlice(layer, input,
-           {{"begin", Tensor::IntVector(layer.Ints("beginIds"))},
-            {"end", Tensor::IntVector(layer.Ints("endIds"))},
-            {"stride", Strides(layer, input.rank)}});
+  const Masks squeezed = MaskOf(layer, "squeezeMasks", input.rank);
+  std::vector<std::int32_t> strides = layer.Ints("strides");
+  if (strides.empty()) strides.assign(input.rank, 1);
+  const ValueId value =
+      layer.Emit("slice_by_index", {{"x", input},
+                                    {"begin", Tensor::IntVector(layer.Ints("beginIds"))},
+                                    {"end", Tensor::IntVector(layer.Ints("endIds"))},
+                                    {"stride", Tensor::IntVector(std::move(strides))},
+                                    {"begin_mask", MaskTensor(MaskOf(layer, "beginMasks", input.rank))},
+                                    {"end_mask", MaskTensor(MaskOf(layer, "endMasks", input.rank))},
+                                    {"squeeze_mask", MaskTensor(squeezed)}});
+  layer.SetOutput({value, RankWithout(squeezed, input.rank)});
 }
 
-/// The bounds come as blobs, whose values follow from shapes. Masks that come that way, too, are not supported.
+/// One entry per dimension of a list that may be longer: the tools fill lists up to five, whatever the rank.
+template <typename List>
+List FirstOf(const Layer& layer, const char* parameter, List given, std::size_t rank) {
+  if (given.size() < rank) {
+    layer.Fail(std::string(parameter) + " has " + std::to_string(given.size()) + " entries, expected " +
+               std::to_string(rank));
+  }
+  given.resize(rank);
+  return given;
+}
+
+/// Input number `index` if there are that many, else the layer's own list.
+Argument EndsOf(Layer& layer, std::size_t index, std::size_t rank) {
+  if (layer.InputCount() > index) return layer.Whole(layer.Input(index));
+  return Tensor::IntVector(FirstOf(layer, "endIds", layer.Ints("endIds"), rank));
+}
+
+Argument StridesOf(Layer& layer, std::size_t index, std::size_t rank) {
+  if (layer.InputCount() > index) return layer.Whole(layer.Input(index));
+  std::vector<std::int32_t> strides = layer.Ints("strides");
+  if (strides.empty()) strides.assign(rank, 1);
+  return Tensor::IntVector(FirstOf(layer, "strides", std::move(strides), rank));
+}
+
+Masks OwnMask(const Layer& layer, const char* parameter, std::size_t rank) {
+  const std::vector<bool> given = layer.Bools(parameter);
+  if (given.empty()) return Masks(rank, 0);
+  return FirstOf(layer, parameter, Masks(given.begin(), given.end()), rank);
+}
+
+Argument MaskOrInput(Layer& layer, std::size_t index, const char* parameter, std::size_t rank) {
+  if (layer.InputCount() <= index) return MaskTensor(OwnMask(layer, parameter, rank));
+  return layer.Emit("not_equal", {{"x", layer.Input(index)}, {"y", Tensor::Float(0.0F)}});
+}
+
+/// The rank that is left when the dimensions of the mask, input number `index` or the layer's own, are dropped. Where
+/// the input follows from sizes, the layer must tell.
+std::size_t SqueezedRank(Layer& layer, std::size_t index, std::size_t rank) {
+  if (layer.InputCount() <= index) return RankWithout(OwnMask(layer, "squeezeMasks", rank), rank);
+  const Tensor* const mask = layer.KnownValue(layer.Input(index));
+  if (mask == nullptr) return layer.DeclaredRank();
+  const auto dropped = static_cast<std::size_t>(mask->count() - std::ranges::count(mask->floats(), 0.0F));
+  return rank - std::min(rank, dropped);
+}
+
+/// Begins come as a blob, and so may all other lists, one after another; their values follow from shapes.
 void SliceDynamic(Layer& layer) {
-  layer.Require(2, 4);
+  layer.Require(2, 7);
   const Blob input = layer.FullInput();
-  Arguments arguments = {{"begin", layer.Whole(layer.Input(1))}};
-  if (layer.InputCount() > 2) {
-    arguments.emplace_back("end", layer.Whole(layer.Input(2)));
-  } else {
-    arguments.emplace_back("end", Tensor::IntVector(layer.Ints("endIds")));
-  }
-  if (layer.InputCount() > 3) {
-    arguments.emplace_back("stride", layer.Whole(layer.Input(3)));
-  } else {
-    arguments.emplace_back("stride", Strides(layer, input.rank));
-  }
-  SetSlice(layer, input, std::move(arguments));
+  const std::size_t rank = input.rank;
+  const ValueId value = layer.Emit("slice_by_index", {{"x", input},
+                                                      {"begin", layer.Whole(layer.Input(1))},
+                                                      {"end", EndsOf(layer, 2, rank)},
+                                                      {"stride", StridesOf(layer, 3, rank)},
+                                                      {"begin_mask", MaskOrInput(layer, 4, "beginMasks", rank)},
+                                                      {"end_mask", MaskOrInput(layer, 5, "endMasks", rank)},
+                                                      {"squeeze_mask", MaskOrInput(layer, 6, "squeezeMasks", rank)}});
+  layer.SetOutput({value, SqueezedRank(layer, 6, rank)});
 }
 
 /// An axis counted from the front.
@@ -124,21 +157,26 @@ void SliceBySize(Layer& layer) {
   layer.SetOutput({layer.Emit("slice_by_size", {{"x", input}, {"begin", begin}, {"size", sizes}}), input.rank});
 }
 
-void Gather(Layer& layer) {
-  layer.Require(2, 2);
-  const Blob input = layer.FullInput(0);
-  const Blob indices = layer.FullInput(1);
+/// Runs of elements along an axis, as a dimension of their own behind it.
+void SlidingWindows(Layer& layer) {
+  layer.Require(1, 1);
+  const Blob input = layer.FullInput();
   const ValueId value =
-      layer.Emit("gather", {{"x", input}, {"indices", layer.Whole(indices)}, {"axis", Axis(layer.Int("axis"))}});
-  layer.SetOutput({value, input.rank + indices.rank - 1});
+      layer.Emit("sliding_windows", {{"x", input},
+                                     {"axis", Axis(layer.Int("axis"))},
+                                     {"size", Tensor::Int(static_cast<std::int32_t>(layer.Int("windowSize")))},
+                                     {"stride", Tensor::Int(static_cast<std::int32_t>(layer.Int("step")))}});
+  layer.SetOutput({value, input.rank + 1});
 }
 
-void GatherAlongAxis(Layer& layer) {
+/// The second input says how many elements from the start are turned round, for each element of the batch.
+void ReverseSequence(Layer& layer) {
   layer.Require(2, 2);
-  const Blob input = layer.FullInput(0);
-  const ValueId indices = layer.Whole(layer.FullInput(1));
-  const ValueId value =
-      layer.Emit("gather_along_axis", {{"x", input}, {"indices", indices}, {"axis", Axis(layer.Int("axis"))}});
+  const Blob input = layer.FullInput();
+  const ValueId value = layer.Emit("reverse_sequence", {{"x", input},
+                                                        {"lengths", layer.Whole(layer.Input(1))},
+                                                        {"seq_axis", Axis(layer.Int("sequenceAxis"))},
+                                                        {"batch_axis", Axis(layer.Int("batchAxis"))}});
   layer.SetOutput({value, input.rank});
 }
 
@@ -154,24 +192,36 @@ void Reverse(Layer& layer) {
   layer.SetOutput({value, input.rank});
 }
 
-void SetBand(Layer& layer, std::int64_t lower, std::int64_t upper) {
-  layer.Require(1, 1);
-  SetLikeInput(layer, layer.Emit("band_part", {{"x", layer.Input()}, {"lower", Axis(lower)}, {"upper", Axis(upper)}}));
+ValueId Band(Layer& layer, ValueId x, std::int64_t lower, std::int64_t upper) {
+  return layer.Emit("band_part", {{"x", x}, {"lower", Axis(lower)}, {"upper", Axis(upper)}});
 }
 
 void MatrixBandPart(Layer& layer) {
-  SetBand(layer, layer.Int("numLower"), layer.Int("numUpper"));
+  layer.Require(1, 1);
+  SetLikeInput(layer, Band(layer, layer.Input().value, layer.Int("numLower"), layer.Int("numUpper")));
 }
 
-/// What is not above diagonal k, or not below it. Diagonals that leave the main one out have no operation.
+/// x, but zero in a band of diagonals.
+ValueId WithoutBand(Layer& layer, ValueId x, std::int64_t lower, std::int64_t upper) {
+  const ValueId ones = layer.Emit("fill_like", {{"ref_tensor", x}, {"value", Tensor::Float(1.0F)}});
+  const ValueId isBand = layer.Emit("not_equal", {{"x", Band(layer, ones, lower, upper)}, {"y", Tensor::Float(0.0F)}});
+  return layer.Emit("select", {{"cond", isBand}, {"a", Tensor::Float(0.0F)}, {"b", x}});
+}
+
+/// What is not above diagonal k. Diagonals below the main one are bounded by the band that begins right above them.
 void LowerTriangular(Layer& layer) {
-  if (layer.Int("k") < 0) layer.Fail("ends below the main diagonal, which is not supported");
-  SetBand(layer, -1, layer.Int("k"));
+  layer.Require(1, 1);
+  const ValueId x = layer.Input().value;
+  const std::int64_t k = layer.Int("k");
+  SetLikeInput(layer, k >= 0 ? Band(layer, x, -1, k) : WithoutBand(layer, x, -k - 1, -1));
 }
 
+/// What is not below diagonal k.
 void UpperTriangular(Layer& layer) {
-  if (layer.Int("k") > 0) layer.Fail("begins above the main diagonal, which is not supported");
-  SetBand(layer, -layer.Int("k"), -1);
+  layer.Require(1, 1);
+  const ValueId x = layer.Input().value;
+  const std::int64_t k = layer.Int("k");
+  SetLikeInput(layer, k <= 0 ? Band(layer, x, -k, -1) : WithoutBand(layer, x, -1, k - 1));
 }
 
 }  // namespace
@@ -181,9 +231,9 @@ LayerRules SliceLayers() {
           {"sliceStatic", SliceStatic},
           {"sliceDynamic", SliceDynamic},
           {"sliceBySize", SliceBySize},
-          {"gather", Gather},
-          {"gatherAlongAxis", GatherAlongAxis},
+          {"slidingWindows", SlidingWindows},
           {"reverse", Reverse},
+          {"reverseSeq", ReverseSequence},
           {"matrixBandPart", MatrixBandPart},
           {"lowerTriangular", LowerTriangular},
           {"upperTriangular", UpperTriangular}};

@@ -155,8 +155,12 @@ TEST(FunctionLayers, OfOneInput) {
   expect([](Layer& l) { l.mutable_tan(); }, [](double x) { return std::tan(x); });
   expect([](Layer& l) { l.mutable_tanh(); }, [](double x) { return std::tanh(x); });
   expect([](Layer& l) { l.mutable_atan(); }, [](double x) { return std::atan(x); });
+  expect([](Layer& l) { l.mutable_asinh(); }, [](double x) { return std::asinh(x); });
   expect([](Layer& l) { l.mutable_erf(); }, [](double x) { return std::erf(x); });
   expect([](Layer& l) { l.mutable_copy(); }, [](double x) { return x; });
+  const Tensor aboveOne = Tensor::Floats({3}, {1.0F, 1.5F, 20.0F});
+  ExpectNear(RunLayer(aboveOne, [](Layer& l) { l.mutable_acosh(); }), {3},
+             Mapped(aboveOne, [](double x) { return std::acosh(x); }));
   const auto clip = [](Layer& l) {
     l.mutable_clip()->set_minval(-0.35F);
     l.mutable_clip()->set_maxval(0.65F);

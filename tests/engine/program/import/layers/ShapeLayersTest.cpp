@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
+#include <type_traits>
 
 namespace ulmora::engine::program::testing {
 namespace {
@@ -44,6 +46,22 @@ TEST(ReshapeLayer, ImpossibleShapesAreRefused) {
   EXPECT_THAT(refusal({2, 6}), ::testing::HasSubstr("targetShape has 2 entries, expected 3 or 4"));
   EXPECT_THAT(refusal({2, 3, -1}), ::testing::HasSubstr("targetShape has an entry below 1"));
   EXPECT_THAT(refusal({5, 1, 1}), ::testing::HasSubstr("'tested'"));
+}
+
+TEST(ReshapeLayer, SequencesKeepTheirBatches) {
+  const auto reshape = [](coreml::layers::Reshape::ReshapeOrder order) {
+    return [order](Layer& layer) {
+      Fill(*layer.mutable_reshape()->mutable_targetshape(), Ids{1, 4, 2, 1});
+      layer.mutable_reshape()->set_mode(order);
+    };
+  };
+  // Two elements in sequence, two batches, of two channels and two rows each.
+  const Tensor x = Ramp({2, 2, 2, 2, 1});
+  ExpectNear(RunLayer(x, reshape(coreml::layers::Reshape::CHANNEL_FIRST)), {1, 2, 4, 2, 1},
+             {0, 1, 2, 3, 8, 9, 10, 11, 4, 5, 6, 7, 12, 13, 14, 15});
+  // In the order [sequence, H, W, C]: 0 2 1 3 8 10 9 11, and the same plus 4; each row of the result takes four.
+  ExpectNear(RunLayer(x, reshape(coreml::layers::Reshape::CHANNEL_LAST)), {1, 2, 4, 2, 1},
+             {0, 8, 2, 10, 1, 9, 3, 11, 4, 12, 6, 14, 5, 13, 7, 15});
 }
 
 TEST(FlattenLayers, OfPlanesAndOfAnyAxes) {
@@ -175,8 +193,72 @@ TEST(SliceLayers, GatherReverseAndBands) {
     l.mutable_matrixbandpart()->set_numupper(1);
   };
   ExpectNear(RunLayer(x, band), {2, 3}, {0, 1, 0, 0, 4, 5});
-  ExpectNear(RunLayer(x, [](Layer& l) { l.mutable_lowertriangular(); }), {2, 3}, {0, 0, 0, 3, 4, 0});
-  ExpectNear(RunLayer(x, [](Layer& l) { l.mutable_uppertriangular()->set_k(-1); }), {2, 3}, {0, 1, 2, 3, 4, 5});
+}
+
+TEST(TriangleLayers, AnyDiagonal) {
+  // Infinity must not become NaN where it is left out.
+  const float big = std::numeric_limits<float>::infinity();
+  const Tensor x = Tensor::Floats({3, 3}, {1, 2, big, 4, 5, 6, big, 8, 9});
+  const auto lower = [&](std::int64_t k) {
+    return FloatsOf(RunLayer(x, [k](Layer& l) { l.mutable_lowertriangular()->set_k(k); }));
+  };
+  EXPECT_EQ(lower(1), (std::vector<float>{1, 2, 0, 4, 5, 6, big, 8, 9}));
+  EXPECT_EQ(lower(0), (std::vector<float>{1, 0, 0, 4, 5, 0, big, 8, 9}));
+  EXPECT_EQ(lower(-1), (std::vector<float>{0, 0, 0, 4, 0, 0, big, 8, 0}));
+  EXPECT_EQ(lower(-2), (std::vector<float>{0, 0, 0, 0, 0, 0, big, 0, 0}));
+  const auto upper = [&](std::int64_t k) {
+    return FloatsOf(RunLayer(x, [k](Layer& l) { l.mutable_uppertriangular()->set_k(k); }));
+  };
+  EXPECT_EQ(upper(-1), (std::vector<float>{1, 2, big, 4, 5, 6, 0, 8, 9}));
+  EXPECT_EQ(upper(0), (std::vector<float>{1, 2, big, 0, 5, 6, 0, 0, 9}));
+  EXPECT_EQ(upper(1), (std::vector<float>{0, 2, big, 0, 0, 6, 0, 0, 0}));
+  EXPECT_EQ(upper(2), (std::vector<float>{0, 0, big, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(SliceDynamicLayer, EveryNumberOfInputs) {
+  // x[1, :, ::2] of [2, 2, 3], whose lists are inputs from the second on, and parameters after those.
+  const Tensor x = Ramp({2, 2, 3});
+  const std::vector<std::vector<float>> lists = {{1, 9, 0}, {9, 9, 9}, {1, 1, 2}, {0, 1, 0}, {0, 0, 1}, {1, 0, 0}};
+  for (std::size_t given = 1; given <= lists.size(); ++given) {
+    std::vector<Tensor> others;
+    for (std::size_t i = 0; i < given; ++i) others.push_back(Tensor::Floats({3}, lists[i]));
+    // The tools fill the layer's own lists up to five entries.
+    const auto fill = [&](std::size_t list, auto& field) {
+      using Entry = typename std::remove_reference_t<decltype(field)>::value_type;
+      for (const float entry : lists[list]) field.Add(static_cast<Entry>(entry));
+      for (int i = 0; i < 2; ++i) field.Add(Entry{1});
+    };
+    const auto configure = [&](Layer& layer) {
+      auto& slice = *layer.mutable_slicedynamic();
+      if (given < 2) fill(1, *slice.mutable_endids());
+      if (given < 3) fill(2, *slice.mutable_strides());
+      if (given < 4) fill(3, *slice.mutable_beginmasks());
+      if (given < 5) fill(4, *slice.mutable_endmasks());
+      if (given < 6) fill(5, *slice.mutable_squeezemasks());
+    };
+    SCOPED_TRACE(given);
+    ExpectNear(RunLayer(x, configure, others), {2, 2}, {6, 8, 9, 11});
+  }
+}
+
+TEST(SliceDynamicLayer, ListsMustReachToTheLastDimension) {
+  const auto configure = [](Layer& layer) { Fill(*layer.mutable_slicedynamic()->mutable_endids(), Ids{1}); };
+  EXPECT_THAT(RefusalOfLayer(Ramp({2, 3}), configure, {Tensor::Floats({2}, {0, 0})}),
+              ::testing::HasSubstr("endIds has 1 entries, expected 2"));
+}
+
+TEST(WindowLayers, SlidingWindowsAndReversedSequences) {
+  const auto windows = [](Layer& layer) {
+    layer.mutable_slidingwindows()->set_axis(-1);
+    layer.mutable_slidingwindows()->set_windowsize(2);
+    layer.mutable_slidingwindows()->set_step(2);
+  };
+  ExpectNear(RunLayer(Ramp({1, 5}), windows), {1, 2, 2}, {0, 1, 2, 3});
+  const auto reversed = [](Layer& layer) {
+    layer.mutable_reverseseq()->set_batchaxis(0);
+    layer.mutable_reverseseq()->set_sequenceaxis(-1);
+  };
+  ExpectNear(RunLayer(Ramp({2, 3}), reversed, {Tensor::Floats({2}, {2, 3})}), {2, 3}, {1, 0, 2, 5, 4, 3});
 }
 
 TEST(ConstantLayers, LoadedFilledAndCounted) {

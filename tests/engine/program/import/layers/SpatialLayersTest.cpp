@@ -139,7 +139,29 @@ TEST(DeconvolutionLayer, SameAndGivenSizes) {
   };
   ExpectNear(RunLayer(kShort, given(5)), {1, 1, 1, 5}, {10, 102, 20, 203, 30});
   ExpectNear(RunLayer(kShort, given(6)), {1, 1, 1, 6}, {1, 10, 102, 20, 203, 30});
-  EXPECT_NE(RefusalOfLayer(kShort, given(9)), "");
+}
+
+TEST(DeconvolutionLayer, WhatTheKernelDoesNotReachIsTheBiasAlone) {
+  const auto longer = [](Layer& layer) {
+    Convolution& conv = Deconvolve(layer, {1, 10, 100}, 2);
+    conv.add_outputshape(1);
+    conv.add_outputshape(9);
+    conv.set_hasbias(true);
+    SetWeights(*conv.mutable_bias(), {0.5F});
+  };
+  ExpectNear(RunLayer(kShort, longer), {1, 1, 1, 9}, {1.5F, 10.5F, 102.5F, 20.5F, 203.5F, 30.5F, 300.5F, 0.5F, 0.5F});
+  const auto incomplete = [](Layer& layer) { Deconvolve(layer, {1, 10, 100}, 2).add_outputshape(9); };
+  EXPECT_THAT(RefusalOfLayer(kShort, incomplete), ::testing::HasSubstr("outputShape has 1 entries, expected 2"));
+}
+
+TEST(DeconvolutionLayer, GivenSizeOfFiveDimensions) {
+  // The batch, which the shape of the result names, is that of all leading dimensions together.
+  const auto given = [](Layer& layer) {
+    Convolution& conv = Deconvolve(layer, {1, 10}, 2);
+    conv.add_outputshape(1);
+    conv.add_outputshape(3);
+  };
+  ExpectNear(RunLayer(Tensor::Floats({2, 1, 1, 1, 2}, {1, 2, 3, 4}), given), {2, 1, 1, 1, 3}, {1, 10, 2, 3, 30, 4});
 }
 
 TEST(DeconvolutionLayer, GroupsOfSeveralOutputs) {
@@ -168,6 +190,29 @@ TEST(Convolution3dLayer, OverDepth) {
     SetWeights(*conv.mutable_weights(), {10, 1});
   };
   ExpectNear(RunLayer(Tensor::Floats({1, 1, 3, 1, 1}, {1, 2, 3}), configure), {1, 1, 2, 1, 1}, {12, 23});
+}
+
+TEST(Convolution3dLayer, DeconvolvedToAGivenSize) {
+  const auto given = [](std::uint64_t depth) {
+    return [depth](Layer& layer) {
+      auto& conv = *layer.mutable_convolution3d();
+      conv.set_isdeconvolution(true);
+      conv.set_outputchannels(1);
+      conv.set_inputchannels(1);
+      conv.set_kerneldepth(2);
+      conv.set_kernelheight(1);
+      conv.set_kernelwidth(1);
+      conv.set_stridedepth(2);
+      SetWeights(*conv.mutable_weights(), {1, 10});
+      if (depth == 0) return;
+      for (const std::uint64_t size : {depth, std::uint64_t{1}, std::uint64_t{1}}) conv.add_outputshape(size);
+    };
+  };
+  const Tensor x = Tensor::Floats({1, 1, 2, 1, 1}, {1, 2});
+  ExpectNear(RunLayer(x, given(0)), {1, 1, 4, 1, 1}, {1, 10, 2, 20});
+  ExpectNear(RunLayer(x, given(3)), {1, 1, 3, 1, 1}, {1, 10, 2});
+  ExpectNear(RunLayer(x, given(2)), {1, 1, 2, 1, 1}, {10, 2});
+  ExpectNear(RunLayer(x, given(5)), {1, 1, 5, 1, 1}, {1, 10, 2, 20, 0});
 }
 
 Tensor RunPool(const Tensor& x, Pooling::PoolingType type, const std::function<void(Pooling&)>& set) {
@@ -258,6 +303,18 @@ TEST(PaddingLayers, ConstantPadByAmountAndToSize) {
   ExpectNear(run({0, 2, 4, 0}, true), {2, 4}, {7, 7, 1, 2, 7, 7, 7, 7});
 }
 
+TEST(PaddingLayers, AmountsAndSizesFromAnInput) {
+  const auto run = [](bool sizes, const std::vector<float>& amounts) {
+    const auto configure = [sizes](Layer& layer) {
+      layer.mutable_constantpad()->set_value(7);
+      layer.mutable_constantpad()->set_padtogivenoutputsizemode(sizes);
+    };
+    return RunLayer(Tensor::Floats({1, 2}, {1, 2}), configure, {Tensor::Floats({4}, amounts)});
+  };
+  ExpectNear(run(false, {0, 1, 1, 0}), {2, 3}, {7, 1, 2, 7, 7, 7});
+  ExpectNear(run(true, {0, 2, 4, 0}), {2, 4}, {7, 7, 1, 2, 7, 7, 7, 7});
+}
+
 TEST(CropLayer, BordersOrLikeAnother) {
   const Tensor x = Ramp({1, 1, 3, 4});
   const auto borders = [](Layer& layer) { SetBorders(*layer.mutable_crop()->mutable_cropamounts(), 1, 0, 1, 2); };
@@ -315,6 +372,58 @@ TEST(ResizeBilinearLayer, Grids) {
   ExpectNear(run(1, SamplingMode::ALIGN_ENDPOINTS_MODE), {1, 1, 1, 1}, {6});
   ExpectNear(run(6, SamplingMode::UPSAMPLE_MODE), {1, 1, 1, 6}, {0, 3, 6, 9, 12, 12});
   ExpectNear(run(4, SamplingMode::ROI_ALIGN_MODE), {1, 1, 1, 4}, {1.5F, 4.5F, 7.5F, 10.5F});
+}
+
+using coreml::layers::CropResize;
+
+/// Two by two samples of boxes [n, 1, 4 or 5, 1, 1].
+Tensor RunCropResize(const Tensor& x, const Tensor& boxes, const std::function<void(CropResize&)>& set = {}) {
+  return RunLayer(x,
+                  [&](Layer& layer) {
+                    CropResize& crop = *layer.mutable_cropresize();
+                    crop.add_targetsize(2);
+                    crop.add_targetsize(2);
+                    if (set) set(crop);
+                  },
+                  {boxes});
+}
+
+TEST(CropResizeLayer, BoxesOfAllOrOfNamedImages) {
+  const Tensor x = Ramp({2, 1, 3, 3});
+  const Tensor all = Tensor::Floats({1, 1, 4, 1, 1}, {0, 0, 1, 2});
+  ExpectNear(RunCropResize(x, all), {1, 2, 1, 2, 2}, {0, 2, 3, 5, 9, 11, 12, 14});
+  const Tensor named = Tensor::Floats({2, 1, 5, 1, 1}, {1, 0, 0, 1, 2, 0, 1, 1, 2, 2});
+  ExpectNear(RunCropResize(x, named), {2, 1, 1, 2, 2}, {9, 11, 12, 14, 4, 5, 7, 8});
+}
+
+TEST(CropResizeLayer, CoordinatesAndGrids) {
+  const Tensor x = Ramp({1, 1, 3, 3});
+  const auto box = [](const std::vector<float>& corners) { return Tensor::Floats({1, 1, 4, 1, 1}, corners); };
+  const auto expect = [&](const std::vector<float>& corners, const std::function<void(CropResize&)>& set,
+                          const std::vector<float>& expected) {
+    ExpectNear(RunCropResize(x, box(corners), set), {1, 1, 1, 2, 2}, expected);
+  };
+  expect({0.5F, 0, 1, 0.5F}, [](auto& crop) { crop.set_normalizedcoordinates(true); }, {3, 4, 6, 7});
+  expect({0, 0, 4, 2}, [](auto& crop) { crop.set_spatialscale(0.5F); }, {0, 1, 6, 7});
+  const auto corners = [](coreml::layers::BoxCoordinatesMode::Coordinates mode) {
+    return [mode](CropResize& crop) { crop.mutable_boxindicesmode()->set_boxmode(mode); };
+  };
+  using coreml::layers::BoxCoordinatesMode;
+  expect({0, 1, 1, 2}, corners(BoxCoordinatesMode::CORNERS_WIDTH_FIRST), {3, 4, 6, 7});
+  expect({1, 1.5F, 2, 1}, corners(BoxCoordinatesMode::CENTER_SIZE_HEIGHT_FIRST), {1, 2, 7, 8});
+  expect({1.5F, 1, 1, 2}, corners(BoxCoordinatesMode::CENTER_SIZE_WIDTH_FIRST), {1, 2, 7, 8});
+  const auto grid = [](coreml::layers::SamplingMode::Method method) {
+    return [method](CropResize& crop) { crop.mutable_mode()->set_samplingmethod(method); };
+  };
+  using coreml::layers::SamplingMode;
+  expect({0, 0, 2, 2}, grid(SamplingMode::ALIGN_ENDPOINTS_MODE), {0, 2, 6, 8});
+  expect({0, 0, 2, 2}, grid(SamplingMode::UPSAMPLE_MODE), {0, 1.5F, 4.5F, 6});
+  expect({0, 0, 2, 2}, grid(SamplingMode::ROI_ALIGN_MODE), {2, 3, 5, 6});
+}
+
+TEST(CropResizeLayer, OutermostPixelsGoOnBeyondTheImage) {
+  const Tensor box = Tensor::Floats({1, 1, 4, 1, 1}, {-4, -4, 0, 0});
+  ExpectNear(RunCropResize(Ramp({1, 1, 3, 3}, 5.0F), box), {1, 1, 1, 2, 2}, {5, 5, 5, 5});
 }
 
 TEST(ReorganizeDataLayer, ChannelOrders) {
