@@ -14,7 +14,6 @@ namespace {
 constexpr std::uint64_t kWhiteIsZero = 0;
 constexpr std::uint64_t kBlackIsZero = 1;
 constexpr std::uint64_t kRgb = 2;
-constexpr std::uint64_t kFloatFormat = 3;
 constexpr std::uint64_t kDifferences = 2;
 
 /// Compressions that work on bytes or rows alone, and so know nothing of planes and colours: none, LZW, deflate (two

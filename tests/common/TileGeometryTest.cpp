@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <tuple>
 #include <vector>
 
 namespace ulmora {
@@ -84,15 +83,18 @@ TEST(TileGeometry, RandomLayoutsKeepTheInvariants) {
 }
 
 TEST(TileGeometry, RefusesBadArguments) {
-  using Arguments = std::tuple<int, int, int, int>;
-  for (const auto& [width, height, window, stride] :
+  struct Arguments {
+    int width, height, window, stride;
+  };
+  for (const Arguments& given :
        {Arguments{0, 512, 512, 480}, Arguments{512, 0, 512, 480}, Arguments{512, 512, 0, 480},
         Arguments{512, 512, 512, 0}, Arguments{-1, 512, 512, 480}, Arguments{512, 512, 512, -480},
         Arguments{512, 512, 512, 514}, Arguments{512, 512, 512, 479}}) {
-    EXPECT_EQ(test::ThrownText<std::invalid_argument>(
-                  [&] { static_cast<void>(TileGeometry::ForImage(width, height, window, stride)); }),
+    EXPECT_EQ(test::ThrownText<std::invalid_argument>([&] {
+                static_cast<void>(TileGeometry::ForImage(given.width, given.height, given.window, given.stride));
+              }),
               "Invalid tile geometry: positive dimensions and stride within the window with even overlap are required.")
-        << width << " " << height << " " << window << " " << stride;
+        << given.width << " " << given.height << " " << given.window << " " << given.stride;
   }
 }
 

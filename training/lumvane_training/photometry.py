@@ -12,15 +12,27 @@ def psnr(image: Array, truth: Array) -> float:
     return float(-10.0 * np.log10(max(float(np.mean((image.astype(np.float64) - truth) ** 2)), 1e-14)))
 
 
-def aperture_flux(plane: Array, row: float, column: float, radius: float) -> float:
-    """Light within `radius` of a place (pixel centres at half integers) above the median of the ring 2 to 3 radii."""
-    reach = int(np.ceil(3 * radius)) + 1
-    top, left = max(int(row) - reach, 0), max(int(column) - reach, 0)
-    cut = plane[top:int(row) + reach + 1, left:int(column) + reach + 1]
-    rows, columns = np.indices(cut.shape)
-    distance = np.hypot(rows + top + 0.5 - row, columns + left + 0.5 - column)
-    inside, ring = distance <= radius, (distance > 2 * radius) & (distance <= 3 * radius)
-    return float(cut[inside].sum() - inside.sum() * np.median(cut[ring]))
+class Aperture:
+    """A round aperture at a place (pixel centres at half integers) and the sky pixels in the ring of 2 to 3 radii.
+
+    Both are fixed by the noise-free frame, the sky being the fainter half of the ring there: so flux is linear in the
+    image, and noise alone has no bias. A median over the ring of a noisy frame would have one, because noise lifts the
+    median of a ring with faint stars towards its mean, and what takes the noise away would seem to add flux.
+    """
+
+    def __init__(self, truth: Array, row: float, column: float, radius: float):
+        reach = int(np.ceil(3 * radius)) + 1
+        self.cut = np.s_[max(int(row) - reach, 0):int(row) + reach + 1, max(int(column) - reach, 0):int(column) + reach + 1]
+        cut = truth[self.cut]
+        rows, columns = np.indices(cut.shape)
+        distance = np.hypot(rows + self.cut[0].start + 0.5 - row, columns + self.cut[1].start + 0.5 - column)
+        self.inside, ring = distance <= radius, (distance > 2 * radius) & (distance <= 3 * radius)
+        self.sky = ring & (cut <= np.median(cut[ring]))
+
+    def flux(self, plane: Array) -> float:
+        """Light inside the aperture above the mean of the sky pixels."""
+        cut = plane[self.cut]
+        return float(cut[self.inside].sum() - self.inside.sum() * cut[self.sky].mean())
 
 
 def isolated(rows: Array, columns: Array, flux: Array, reach: float, share: float = 0.2) -> Array:

@@ -39,7 +39,22 @@ def test_aperture_flux_ignores_a_flat_background():
     shape = psf.PsfShape(fwhm=3.0, beta=5.0)
     star = star_lists.StarList(np.array([30.2]), np.array([33.6]), np.array([50.0]), np.ones((1, 3), np.float32))
     plane = scenes.render_points(np.full((3, 64, 64), 2.0, np.float32), star, shape)[1]
-    assert photometry.aperture_flux(plane, 30.2, 33.6, 6.0) == pytest.approx(50.0, rel=0.03)
+    assert photometry.Aperture(plane, 30.2, 33.6, 6.0).flux(plane) == pytest.approx(50.0, rel=0.03)
+
+
+def test_noise_alone_does_not_change_a_flux_in_the_mean():
+    """In a crowded field, where the median of a ring would rise with the noise."""
+    rng = np.random.default_rng(5)
+    truth = np.zeros((64, 64))
+    truth[rng.integers(64, size=1200), rng.integers(64, size=1200)] = 1.0
+    truth[31:34, 31:34] = 40.0
+    aperture = photometry.Aperture(truth, 32.5, 32.5, 5.0)
+    changes = [aperture.flux(truth + rng.normal(0, 2.0, truth.shape)) - aperture.flux(truth) for _ in range(400)]
+    assert abs(np.mean(changes)) < 4 * np.std(changes) / 20
+    distance = np.hypot(*(np.indices(truth.shape) - 32))
+    ring = truth[(distance > 10) & (distance <= 15)]
+    noisy = np.median(ring + rng.normal(0, 2.0, (400, len(ring))), axis=1).mean()
+    assert (noisy - np.median(ring)) * aperture.inside.sum() > 10 * np.std(changes) / 20
 
 
 def test_isolated():

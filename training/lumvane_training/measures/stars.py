@@ -68,7 +68,7 @@ def catalogue(field: Field) -> list[dict]:
     result = []
     for row, column in zip(rows[good], columns[good]):
         near = np.s_[:, max(int(row) - 3, 0):int(row) + 4, max(int(column) - 3, 0):int(column) + 4]
-        truth, before, after = (photometry.aperture_flux(i, row, column, radius) for i in sums)
+        truth, before, after = map(photometry.Aperture(sums[0], row, column, radius).flux, sums)
         if field.images[0][near].max() > 0.9 or truth < 5 * area_noise:
             continue
         entry = {"snr": truth / area_noise, "before": before / truth - 1, "after": after / truth - 1}
@@ -147,8 +147,9 @@ def measure(program: Program, seed: int, count: int, size: int) -> Section:
     rows = [entry for field in found for entry in catalogue(field)]
     section = Section("Stars and sky in linear light")
     section.lines = [f"{count} linear frames of {size} x {size} pixels as floating-point FITS through `--linear`. Flux in an "
-                     "aperture of 1.5 FWHM above the median of a ring, relative to the noise-free frame; `bias` is the median "
-                     "after less the median before, scatters are from the median absolute deviation.", ""]
+                     "aperture of 1.5 FWHM above the sky (mean of those pixels of a ring that are sky in the noise-free frame), "
+                     "relative to the noise-free frame; `bias` is the median after less the median before, scatters are from "
+                     "the median absolute deviation.", ""]
     entries = []
     for low, high in SNR_BINS:
         chosen = [r for r in rows if low <= r["snr"] < high]
