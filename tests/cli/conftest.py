@@ -15,6 +15,8 @@ SOURCE = Path(__file__).resolve().parents[2]
 PACKAGES = SOURCE / "tests" / "fixtures" / "packages"
 PROGRAM = Path(os.environ.get("LUMVANE_PROGRAM", SOURCE / "build" / "release" / "lumvane"))
 
+needs_full_device = pytest.mark.skipif(not Path("/dev/full").exists(), reason="no device here is always full")
+
 DIAGNOSTIC_SCHEMA = "quorvanthine.cli.diagnostic.v1"
 PROGRESS_SCHEMA = "quorvanthine.cli.progress.v1"
 

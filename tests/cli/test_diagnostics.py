@@ -6,7 +6,7 @@ import subprocess
 
 import numpy as np
 import pytest
-from conftest import PACKAGES, PROGRAM, load, noise_image, save
+from conftest import PACKAGES, PROGRAM, load, needs_full_device, noise_image, save
 
 
 @pytest.fixture
@@ -135,6 +135,7 @@ def test_closed_standard_streams_never_end_up_in_the_image(lumvane, image, tmp_p
     assert np.array_equal(load(tmp_path / "out.png"), load(image))
 
 
+@needs_full_device
 def test_a_full_standard_output_does_not_stop_the_run(image, tmp_path):
     command = [str(PROGRAM), "-i", str(image), "-o", "out.png", "-w", str(PACKAGES / "identity.mlpackage")]
     with open("/dev/full", "wb") as full:

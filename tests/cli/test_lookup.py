@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import subprocess
 
 import numpy as np
 import pytest
@@ -71,6 +72,40 @@ def test_beside_the_program_wins(portable, image):
     assert f"resolved path='{portable.path.parent}/{V2}'" in run.info("model_context")[0]
 
 
+@pytest.fixture
+def with_system_folder(portable, tmp_path):
+    """The portable program with a folder of the test's own in the place of /usr/local/lib, and that folder."""
+    folder = tmp_path / "usr-local-lib"
+    folder.mkdir()
+    start = tmp_path / "start"
+    start.write_text(
+        "#!/bin/sh\nexec unshare --map-root-user --mount sh -c "
+        f"'mount --bind \"{folder}\" /usr/local/lib && exec \"$0\" \"$@\"' '{portable.path}' \"$@\"\n"
+    )
+    start.chmod(0o755)
+    if Program(tmp_path, start)("--version").status != 0:
+        pytest.skip("no folder can be put in another's place here")
+    return Program(tmp_path, start), folder
+
+
+def test_the_manual_install_is_found(with_system_folder, portable, image, tmp_path):
+    program, folder = with_system_folder
+    shutil.copytree(IDENTITY, folder / "lumvane" / V2)
+    run = program("-i", image, "-o", "out.png")
+    assert run.status == 0, run.err
+    target = f"/usr/local/lib/lumvane/{V2}"
+    assert run.info("model_context") == [lookup_text(portable, V2, target, DIRECTORY, tmp_path)]
+
+
+def test_beside_the_program_wins_over_the_manual_install(with_system_folder, portable, image, tmp_path):
+    program, folder = with_system_folder
+    shutil.copytree(IDENTITY, folder / "lumvane" / V2)
+    nearest = portable.path.parent / V2
+    shutil.copytree(IDENTITY, nearest)
+    run = program("-i", image, "-o", "out.png")
+    assert run.info("model_context") == [lookup_text(portable, V2, nearest, DIRECTORY, tmp_path)]
+
+
 def test_a_prefix_install_is_found_from_bin(tmp_path, image):
     prefix = tmp_path / "prefix"
     (prefix / "bin").mkdir(parents=True)
@@ -101,8 +136,6 @@ def test_other_kinds_of_paths(lumvane, image, tmp_path):
 
 
 def test_a_working_directory_that_is_gone(lumvane, image, tmp_path):
-    import subprocess
-
     gone = tmp_path / "gone"
     gone.mkdir()
     script = f"cd '{gone}' && rmdir '{gone}' && exec '{PROGRAM}' -i '{image}' -o '{tmp_path}/out.png' -w '{IDENTITY}'"

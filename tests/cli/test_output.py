@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 import tifffile
-from conftest import PACKAGES, load, noise_image, save
+from conftest import PACKAGES, load, needs_full_device, noise_image, save
 
 SIXTEEN = "display-format export; depth=16 bits; normalized display values, not physical FITS units"
 EIGHT = SIXTEEN.replace("16", "8")
@@ -110,6 +110,7 @@ def test_missing_folder(lumvane, tmp_path, target):
     assert run.events()[-1]["message"].startswith(f"Unable to write output image: {target}\n")
 
 
+@needs_full_device
 @pytest.mark.parametrize("ending", ["tif", "png", "jpg", "bmp"])
 def test_full_disk_is_never_a_success(lumvane, tmp_path, ending):
     save(tmp_path / "image.png", noise_image(512, 512, 3, np.uint8))

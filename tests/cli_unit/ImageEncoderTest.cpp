@@ -101,6 +101,7 @@ TEST(ImageEncoderFailure, AnUnknownEndingPassesOnTheLibrarysTextWithoutItsLineFe
 }
 
 TEST(ImageEncoderFailure, AFullDeviceIsAFailureAndAnotherGetsTheWholeFile) {
+  if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no device here is always full";
   test::TemporaryFolder folder;
   for (const std::string ending : {"png", "tif", "jpg", "bmp", "ppm"}) {
     std::filesystem::create_symlink("/dev/full", folder.Path("full." + ending));
