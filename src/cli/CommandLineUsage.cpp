@@ -60,6 +60,10 @@ std::string BriefUsage(const std::vector<TCLAP::Arg*>& options) {
   return text;
 }
 
+void PrintBriefUsage(std::ostream& out, const std::vector<TCLAP::Arg*>& options) {
+  PrintWrapped(out, BriefUsage(options), kWidth, kIndent, std::string_view(kExecutableName).size() + 2);
+}
+
 void PrintMessage(std::ostream& out, const std::string& message) {
   std::istringstream lines(message);
   for (std::string line; std::getline(lines, line);) PrintWrapped(out, line, kWidth, kIndent, 0);
@@ -91,10 +95,17 @@ void CommandLineUsage::usage(TCLAP::CmdLineInterface& parser) {
   Print(parser, std::cout);
 }
 
+void CommandLineUsage::failure(TCLAP::CmdLineInterface& parser, TCLAP::ArgException& error) {
+  std::cerr << "PARSE ERROR: " << error.argId() << "\n             " << error.error() << "\n\nBrief USAGE: \n";
+  PrintBriefUsage(std::cerr, ListedOptions(parser));
+  std::cerr << "\nFor complete USAGE and HELP type: \n   " << parser.getProgramName() << " --help\n" << std::endl;
+  throw TCLAP::ExitException(1);
+}
+
 void CommandLineUsage::Print(TCLAP::CmdLineInterface& parser, std::ostream& out) {
   const std::vector<TCLAP::Arg*> options = ListedOptions(parser);
   out << "\nUSAGE: \n\n";
-  PrintWrapped(out, BriefUsage(options), kWidth, kIndent, std::string_view(kExecutableName).size() + 2);
+  PrintBriefUsage(out, options);
   out << "\n\nWhere: \n\n";
   for (const TCLAP::Arg* option : options) {
     PrintWrapped(out, option->longID(), kWidth, kIndent, kIndent);

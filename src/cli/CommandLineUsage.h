@@ -1,7 +1,9 @@
 #pragma once
-// The usage text of --help. The parser's own printer lists options backwards and destroys the layout of the message
-// behind them, which is a contract with users; version text and failure reports stay the parser's.
+// The usage text, whole for --help and brief behind a parse failure. The parser's own printer lists options backwards
+// and destroys the layout of the message behind them, which is a contract with users; all other words stay the
+// parser's.
 
+#include <tclap/ArgException.h>
 #include <tclap/CmdLineInterface.h>
 #include <tclap/StdOutput.h>
 
@@ -15,6 +17,9 @@ namespace ulmora::cli {
 class CommandLineUsage : public TCLAP::StdOutput {
  public:
   void usage(TCLAP::CmdLineInterface& parser) override;
+
+  /// Reports a parse failure with the brief usage on standard error. Throws TCLAP::ExitException with status 1.
+  [[noreturn]] void failure(TCLAP::CmdLineInterface& parser, TCLAP::ArgException& error) override;
 
   /// The same to any stream.
   static void Print(TCLAP::CmdLineInterface& parser, std::ostream& out);

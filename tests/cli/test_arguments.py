@@ -1,6 +1,7 @@
 """Options: which run they ask for, in which order they are checked, and how each failure leaves."""
 
 import json
+import re
 import stat
 
 import numpy as np
@@ -37,6 +38,14 @@ def test_parse_failure_for_people_goes_to_standard_error_with_status_1(lumvane):
     assert run.status == 1
     assert run.out == ""
     assert run.err.startswith("PARSE ERROR: Argument: --no-such-option")
+
+
+def test_parse_failure_shows_the_usage_line_of_the_help(lumvane):
+    brief = re.search(r"(?s)\nUSAGE: \n\n(   lumvane  .*?\n)\n", lumvane("--help").out).group(1)
+    assert lumvane("-i").err == (
+        "PARSE ERROR: Argument: -i (--input)\n             Missing a value for this argument!\n\n"
+        f"Brief USAGE: \n{brief}\nFor complete USAGE and HELP type: \n   {lumvane.path} --help\n\n"
+    )
 
 
 @pytest.mark.parametrize(

@@ -8,7 +8,7 @@ import subprocess
 import jsonschema
 import numpy as np
 import pytest
-from conftest import SOURCE, noise_image, save
+from conftest import SOURCE, needs_full_device, noise_image, save
 
 SCHEMAS = SOURCE / "docs" / "schemas"
 COMPLETIONS = SOURCE / "packaging" / "completions"
@@ -81,6 +81,10 @@ def test_options_stand_in_the_order_of_the_table(lumvane):
         assert first.startswith("   -")
         found.append((first.strip(), " ".join(line.strip() for line in rest)))
     assert found == OPTION_LINES
+
+
+def test_help_byte_for_byte(lumvane):
+    assert lumvane("--help").out == (SOURCE / "tests" / "fixtures" / "help.txt").read_text()
 
 
 def test_no_line_of_the_help_passes_75_columns_but_single_words(lumvane):
@@ -225,7 +229,7 @@ def test_the_progress_schema_refuses_what_is_wrong(change):
 
 
 @pytest.mark.parametrize("arguments", ["", "--help", "--version", "--machine-info", "--check-updates"])
-@pytest.mark.parametrize("output", [">&-", ">/dev/full"])
+@pytest.mark.parametrize("output", [">&-", pytest.param(">/dev/full", marks=needs_full_device)])
 def test_a_closed_or_full_standard_output_crashes_nothing(lumvane, tmp_path, arguments, output):
     command = f"'{lumvane.path}' {arguments} {output}"
     done = subprocess.run(["/bin/sh", "-c", command], cwd=tmp_path, capture_output=True, text=True, check=False)
