@@ -42,7 +42,7 @@ bool IsNoSize(std::string_view card) {
   if (fits_parse_value(text.data(), value.data(), comment.data(), &status) != 0) fits_clear_errmsg();
   std::string number(value.data());
   std::erase(number, '\'');
-  std::ranges::replace(number, 'D', 'E');
+  std::replace(number.begin(), number.end(), 'D', 'E');
   return !(std::strtod(number.c_str(), nullptr) >= 1.0) || std::strtoll(number.c_str(), nullptr, 10) < 1;
 }
 
