@@ -19,6 +19,8 @@ enum class Network {
   Float16Output,
   HalfSizeOutput,
   Rank3Output,
+  /// Its output is an image, no tensor.
+  ImageOutput,
   /// Holds what nobody can translate.
   Untranslatable,
   /// Its constants are cut off.

@@ -159,10 +159,12 @@ TEST_F(BackendContract, ASizeThatTheModelDoesNotTakeFailsAtTheTile) {
   EXPECT_TRUE(ulmora::test::SameBits(backend.RunTile(tile), tile));
 }
 
-TEST_F(BackendContract, OutputsOfOtherTypesAndShapesAreRefusedAtTheTile) {
-  for (const auto& [network, text] : {std::pair(Network::Float16Output, "CoreML output tensor must be Float32."),
-                                      std::pair(Network::HalfSizeOutput, "CoreML returned an unexpected output shape."),
-                                      std::pair(Network::Rank3Output, "CoreML returned an unexpected output shape.")}) {
+TEST_F(BackendContract, OutputsOfOtherKindsTypesAndShapesAreRefusedAtTheTile) {
+  for (const auto& [network, text] :
+       {std::pair(Network::Float16Output, "CoreML output tensor must be Float32."),
+        std::pair(Network::HalfSizeOutput, "CoreML returned an unexpected output shape."),
+        std::pair(Network::Rank3Output, "CoreML returned an unexpected output shape."),
+        std::pair(Network::ImageOutput, "CoreML prediction did not return a multi-array output.")}) {
     CoreMLBackend backend(Package(network));
     EXPECT_EQ(TileFailure(backend, cv::Mat::zeros(512, 512, CV_32FC3)), text);
   }

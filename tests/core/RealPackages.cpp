@@ -43,6 +43,8 @@ std::string PackageOf(Network network, const ulmora::test::TemporaryFolder& fold
       return Fixture("half-size-output");
     case Network::Rank3Output:
       return Fixture("rank-3-output");
+    case Network::ImageOutput:
+      return Fixture("image-output");
     case Network::Untranslatable:
       return Fixture("unknown-operation");
     case Network::WithoutConstants:

@@ -70,6 +70,9 @@ Model ModelOf(Network network) {
       return Giving(Tensor({1, 3, 256, 256}));
     case Network::Rank3Output:
       return Giving(Tensor({3, 512, 512}));
+    case Network::ImageOutput:
+      model.network = [](const Tensor&) { return std::nullopt; };
+      break;
     case Network::Untranslatable:
       model.compile = Outcome::Error("an operation that nobody has");
       break;
