@@ -2,12 +2,15 @@
 
 import os
 import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
 import pytest
 from conftest import PROGRAM, Program, load, noise_image, save
 
+# The tool shows what the portable engine makes of a package, which macOS does without.
+HAS_TOOL = sys.platform != "darwin"
 BUILD = Path(os.environ.get("LUMVANE_BUILD", PROGRAM.parent))
 
 
@@ -34,7 +37,7 @@ def test_the_installed_program_finds_its_packages(prefix, tmp_path, version):
     "name",
     [
         "share/man/man1/lumvane.1",
-        "share/man/man1/lumvane-model.1",
+        pytest.param("share/man/man1/lumvane-model.1", marks=pytest.mark.skipif(not HAS_TOOL, reason="no tool here")),
         "share/bash-completion/completions/lumvane",
         "share/zsh/site-functions/_lumvane",
         "share/fish/vendor_completions.d/lumvane.fish",
@@ -50,9 +53,9 @@ def test_what_comes_with_the_program(prefix, name):
 
 def test_nothing_but_ours_is_installed(prefix):
     top = {path.relative_to(prefix).parts[:2] for path in prefix.rglob("*") if path.is_file()}
-    assert top == {
+    tool = {("bin", "lumvane-model")} if HAS_TOOL else set()
+    assert top == tool | {
         ("bin", "lumvane"),
-        ("bin", "lumvane-model"),
         ("lib", "lumvane"),
         ("share", "man"),
         ("share", "bash-completion"),
