@@ -187,6 +187,21 @@ TEST(Model, RangesBoundWhatIsTaken) {
   }
 }
 
+TEST(Model, CompiledBundlesTakeTheShapesOfTheirPackages) {
+  for (const std::string name : {"unet-flexible-float16", "group-norm-flexible-ios17-float32",
+                                 "restormer-enumerated-ios16-float16", "unet-ios15-float32"}) {
+    const Model package(Fixtures() / (name + ".mlpackage"));
+    const Model bundle(Fixtures() / (name + ".mlmodelc"));
+    EXPECT_EQ(bundle.inputs()[0].shape, package.inputs()[0].shape) << name;
+    EXPECT_EQ(bundle.inputs()[0].ranges, package.inputs()[0].ranges) << name;
+    EXPECT_EQ(bundle.inputs()[0].enumerated, package.inputs()[0].enumerated) << name;
+  }
+  Model bundle(Fixtures() / "group-norm-flexible-ios17-float32.mlmodelc");
+  ExpectError(Stage::Run, {"'image' has shape [1, 3, 520, 64], expected [1, 3, 8 to 512, 8 to 512]"}, [&] {
+    static_cast<void>(bundle.BindInput({1, 3, 520, 64}));
+  });
+}
+
 TEST(Model, ListsOfShapesAreAllThatIsTaken) {
   Model model = OpenFixture("restormer-enumerated-ios16-float16");
   EXPECT_EQ(model.inputs()[0].shape, (Shape{1, 3, 64, 64}));

@@ -3,12 +3,12 @@
 #include "engine/Limits.h"
 #include "engine/package/Json.h"
 #include "engine/package/MappedFile.h"
+#include "engine/package/SizeRanges.h"
 #include "engine/package/Text.h"
+#include "engine/package/text/ShapeParser.h"
 
 #include <google/protobuf/struct.pb.h>
 
-#include <charconv>
-#include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -47,26 +47,40 @@ ElementType ElementOf(const std::string& name) {
   return found->second;
 }
 
-/// A shape as this file writes it: a string, "[1, 3, 64, 64]". Empty means that it is not declared.
-Shape ParseShape(const std::string& text) {
-  const auto fail = [&] { Fail("has the shape " + Quoted(text) + ", expected numbers as in '[1, 3, 64, 64]'"); };
-  Shape shape;
-  if (text.empty() || text == "[]") return shape;
-  if (!text.starts_with('[') || !text.ends_with(']')) fail();
-  const char* position = text.data() + 1;
-  const char* const end = text.data() + text.size() - 1;
-  for (;;) {
-    while (position != end && *position == ' ') ++position;
-    std::int64_t size = 0;
-    const auto [stop, error] = std::from_chars(position, end, size);
-    if (error != std::errc() || size < 1 || size > limits::kMaxTensorElements) fail();
-    shape.push_back(size);
-    if (shape.size() > static_cast<std::size_t>(limits::kMaxRank)) fail();
-    position = stop;
-    while (position != end && *position == ' ') ++position;
-    if (position == end) return shape;
-    if (*position++ != ',') fail();
+/// What `parse` makes of a member's whole text, "[1, 3, 64, 64]" for example; an empty list if it has none.
+template <typename List>
+List ParseMember(const Struct& object, const char* member, List (*parse)(text::Lexer& lexer)) {
+  const std::string written = TextOf(object, member);
+  if (written.empty()) return {};
+  return Within([&] { return Quoted(member) + " is " + Quoted(written); },
+                [&] {
+                  text::Lexer lexer(written);
+                  List list = parse(lexer);
+                  if (lexer.Peek().kind != text::TokenKind::End) lexer.FailExpected("the end");
+                  return list;
+                });
+}
+
+constexpr text::ShapeRules kShape = {.owner = "a shape", .smallest = 1, .mayBeOpen = false};
+
+Shape ParseShape(text::Lexer& lexer) {
+  return text::ParseShape(lexer, kShape);
+}
+
+std::vector<Shape> ParseShapes(text::Lexer& lexer) {
+  return text::ParseShapes(lexer, kShape);
+}
+
+/// The default shape, and which others are allowed. A shape that is not flexible is the only one.
+void ReadShapes(const Struct& source, Feature& feature) {
+  feature.shape = ParseMember(source, "shape", ParseShape);
+  if (TextOf(source, "hasShapeFlexibility") == "0") {
+    feature.ranges = FixedRanges(feature.shape);
+    return;
   }
+  feature.enumerated = ParseMember(source, "enumeratedShapes", ParseShapes);
+  feature.ranges = ParseMember(source, "shapeRange", text::ParseRanges);
+  if (!feature.ranges.empty()) CheckRangeCount(feature.ranges.size(), feature.shape);
 }
 
 Feature ReadFeature(const Struct& source) {
@@ -76,7 +90,7 @@ Feature ReadFeature(const Struct& source) {
   if (type == "MultiArray") {
     feature.kind = FeatureKind::Tensor;
     feature.element = ElementOf(TextOf(source, "dataType"));
-    feature.shape = ParseShape(TextOf(source, "shape"));
+    ReadShapes(source, feature);
   } else if (type == "Image") {
     feature.kind = FeatureKind::Image;
   }

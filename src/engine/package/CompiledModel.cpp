@@ -4,6 +4,7 @@
 #include "engine/package/CompiledMetadata.h"
 #include "engine/package/ConstantReader.h"
 #include "engine/package/MappedFile.h"
+#include "engine/package/SizeRanges.h"
 #include "engine/package/Text.h"
 #include "engine/package/text/ProgramParser.h"
 
@@ -27,25 +28,58 @@ CompiledMetadata ReadMetadata(const std::filesystem::path& folder) {
 }
 
 /// The feature that a value of the program is.
-Feature FeatureOf(const NamedType& value, const std::map<std::string, Shape>& defaultShapes) {
+Feature FeatureOf(const NamedType& value) {
   Feature feature;
   feature.name = value.name;
   if (!value.isTensor) return feature;
   feature.kind = FeatureKind::Tensor;
   feature.element = value.type.element;
-  const auto known = defaultShapes.find(value.name);
-  if (known != defaultShapes.end()) {
-    feature.shape = known->second;
-  } else if (IsStatic(value.type.shape)) {
-    feature.shape = value.type.shape;
-  }
+  if (IsStatic(value.type.shape)) feature.shape = value.type.shape;
   return feature;
 }
 
-std::vector<Feature> InputsOf(const TextProgram& program) {
+std::vector<Feature> InputsOf(const SourceProgram& function) {
   std::vector<Feature> features;
-  for (const NamedType& input : program.function.inputs) features.push_back(FeatureOf(input, program.defaultShapes));
+  for (const NamedType& input : function.inputs) features.push_back(FeatureOf(input));
   return features;
+}
+
+/// The ranges that a type leaves open.
+std::vector<SizeRange> RangesOf(const TensorType& type) {
+  std::vector<SizeRange> ranges = FixedRanges(type.shape);
+  for (SizeRange& range : ranges) {
+    if (range.least == kUnknownDim) range = SizeRange{};
+  }
+  return ranges;
+}
+
+/// Adds what the program says about the shape of one of its inputs to what is known already. Where the feature says
+/// which shapes are allowed, that holds.
+void AddShapes(Feature& feature, const TensorType& type, const FlexibleShapes& flexible) {
+  const auto find = [&](const auto& table) {
+    const auto found = table.find(feature.name);
+    return found == table.end() ? nullptr : &found->second;
+  };
+  const Shape* const shape = find(flexible.defaults);
+  if (feature.shape.empty() && shape != nullptr) feature.shape = *shape;
+  if (!feature.enumerated.empty() || !feature.ranges.empty()) return;
+  if (const auto* shapes = find(flexible.enumerated); shapes != nullptr) {
+    feature.enumerated = *shapes;
+  } else if (const auto* ranges = find(flexible.ranges); ranges != nullptr) {
+    CheckRangeCount(ranges->size(), feature.shape);
+    feature.ranges = *ranges;
+  } else if (type.rankKnown) {
+    feature.ranges = RangesOf(type);
+  }
+}
+
+void AddShapes(std::vector<Feature>& features, const TextProgram& program) {
+  for (const NamedType& input : program.function.inputs) {
+    const auto feature = std::ranges::find(features, input.name, &Feature::name);
+    if (feature == features.end() || feature->kind != FeatureKind::Tensor || !input.isTensor) continue;
+    Within([&] { return "input " + Quoted(input.name); },
+           [&] { AddShapes(*feature, input.type, program.flexibleShapes); });
+  }
 }
 
 /// Outputs are results of operations, or inputs that are passed on. One that nothing defines is for the importer to
@@ -62,7 +96,7 @@ std::vector<Feature> OutputsOf(const SourceProgram& function) {
   for (const std::string& name : function.outputs) {
     // A second mention of an output is none.
     const NamedType* value = std::exchange(wanted.at(name), nullptr);
-    if (value != nullptr) features.push_back(FeatureOf(*value, {}));
+    if (value != nullptr) features.push_back(FeatureOf(*value));
   }
   return features;
 }
@@ -73,16 +107,6 @@ std::int64_t VersionOf(const std::string& opset) {
   std::int64_t number = 0;
   std::from_chars(opset.data() + kPrefix.size(), opset.data() + opset.size(), number);
   return number + 1;
-}
-
-/// The shapes that the program gives are the only ones that a description without shapes leaves to find.
-void AddDefaultShapes(std::vector<Feature>& features, const std::map<std::string, Shape>& shapes) {
-  for (Feature& feature : features) {
-    const auto known = shapes.find(feature.name);
-    if (feature.kind == FeatureKind::Tensor && feature.shape.empty() && known != shapes.end()) {
-      feature.shape = known->second;
-    }
-  }
 }
 
 }  // namespace
@@ -96,8 +120,8 @@ ModelSource ReadCompiledModel(const Bundle& bundle) {
   ModelSource source;
   source.specificationVersion =
       metadata.specificationVersion > 0 ? metadata.specificationVersion : VersionOf(program.function.opset);
-  source.inputs = metadata.inputs.empty() ? InputsOf(program) : std::move(metadata.inputs);
-  AddDefaultShapes(source.inputs, program.defaultShapes);
+  source.inputs = metadata.inputs.empty() ? InputsOf(program.function) : std::move(metadata.inputs);
+  AddShapes(source.inputs, program);
   source.outputs = metadata.outputs.empty() ? OutputsOf(program.function) : std::move(metadata.outputs);
   source.metadata = std::move(metadata.metadata);
   source.program = std::move(program.function);

@@ -1,6 +1,7 @@
 #include "engine/package/DescriptionReader.h"
 
 #include "engine/Limits.h"
+#include "engine/package/SizeRanges.h"
 #include "engine/package/Text.h"
 #include "schema/Model.pb.h"
 
@@ -61,34 +62,12 @@ std::vector<Shape> ReadShapes(const coreml::EnumeratedShapes& source) {
   return shapes;
 }
 
-/// A negative upper bound means that there is none.
-SizeRange ReadRange(const coreml::SizeRange& source) {
-  SizeRange range;
-  if (source.upperbound() >= 0) range.most = source.upperbound();
-  const bool isOrdered = std::cmp_less_equal(source.lowerbound(), range.most);
-  if (!isOrdered || std::cmp_greater(source.lowerbound(), limits::kMaxTensorElements)) {
-    Fail("has a dimension of size " + std::to_string(source.lowerbound()) + " to " +
-         std::to_string(source.upperbound()));
-  }
-  range.least = static_cast<std::int64_t>(source.lowerbound());
-  return range;
-}
-
 std::vector<SizeRange> ReadRanges(const coreml::ShapeRange& source, const Shape& shape) {
-  const bool fits = shape.empty() ? source.sizeranges_size() <= limits::kMaxRank
-                                  : std::cmp_equal(source.sizeranges_size(), shape.size());
-  if (!fits) {
-    Fail("has ranges for " + std::to_string(source.sizeranges_size()) + " dimensions, but shape " + ToString(shape));
+  CheckRangeCount(static_cast<std::size_t>(source.sizeranges_size()), shape);
+  std::vector<SizeRange> ranges;
+  for (const coreml::SizeRange& range : source.sizeranges()) {
+    ranges.push_back(CheckedRange(range.lowerbound(), range.upperbound()));
   }
-  std::vector<SizeRange> ranges;
-  for (const coreml::SizeRange& range : source.sizeranges()) ranges.push_back(ReadRange(range));
-  return ranges;
-}
-
-/// A shape without flexibility is the only one.
-std::vector<SizeRange> FixedRanges(const Shape& shape) {
-  std::vector<SizeRange> ranges;
-  for (const std::int64_t size : shape) ranges.push_back({size, size});
   return ranges;
 }
 

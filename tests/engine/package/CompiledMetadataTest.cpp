@@ -35,6 +35,7 @@ TEST_F(CompiledMetadataTest, EverythingThatIsUsed) {
   EXPECT_EQ(metadata.inputs[0].name, "image");
   EXPECT_EQ(metadata.inputs[0].kind, FeatureKind::Tensor);
   EXPECT_EQ(metadata.inputs[0].shape, (Shape{1, 3, 64, 48}));
+  EXPECT_EQ(metadata.inputs[0].ranges, (std::vector<SizeRange>{{1, 1}, {3, 3}, {64, 64}, {48, 48}}));
   EXPECT_EQ(metadata.inputs[1].kind, FeatureKind::Image);
   EXPECT_EQ(metadata.inputs[2].kind, FeatureKind::Other);
   ASSERT_EQ(metadata.outputs.size(), 1U);
@@ -43,6 +44,27 @@ TEST_F(CompiledMetadataTest, EverythingThatIsUsed) {
   const std::map<std::string, std::string> texts = {
       {"author", "A"}, {"license", "L"}, {"versionString", "2"}, {"shortDescription", "D"}, {"k", "v"}};
   EXPECT_EQ(metadata.metadata, texts);
+}
+
+TEST_F(CompiledMetadataTest, FlexibleShapes) {
+  const auto read = [&](const std::string& members) {
+    return Read(R"([{"inputSchema": [{"name": "x", "type": "MultiArray", "dataType": "Float32", "shape": "[1, 8]")" +
+                members + "}]}]")
+        .inputs.at(0);
+  };
+  const Feature ranged = read(R"(, "hasShapeFlexibility": "1", "shapeRange": "[[1, 1], [8, -1]]")");
+  EXPECT_EQ(ranged.shape, (Shape{1, 8}));
+  EXPECT_EQ(ranged.ranges, (std::vector<SizeRange>{{1, 1}, {8, SizeRange::kUnbounded}}));
+  const Feature listed = read(R"(, "hasShapeFlexibility": "1", "enumeratedShapes": "[[1, 8], [2, 9]]")");
+  EXPECT_EQ(listed.enumerated, (std::vector<Shape>{{1, 8}, {2, 9}}));
+  EXPECT_TRUE(listed.ranges.empty());
+  // The flag decides; without it, ranges and lists do.
+  const Feature fixed = read(R"(, "hasShapeFlexibility": "0", "shapeRange": "", "enumeratedShapes": "[[2, 9]]")");
+  EXPECT_EQ(fixed.ranges, (std::vector<SizeRange>{{1, 1}, {8, 8}}));
+  EXPECT_TRUE(fixed.enumerated.empty());
+  EXPECT_EQ(read(R"(, "shapeRange": "[[1, 2], [8, 8]]")").ranges, (std::vector<SizeRange>{{1, 2}, {8, 8}}));
+  const Feature open = read("");
+  EXPECT_TRUE(open.ranges.empty() && open.enumerated.empty());
 }
 
 TEST_F(CompiledMetadataTest, AllOfItMayBeAbsent) {
@@ -82,8 +104,19 @@ TEST_F(CompiledMetadataTest, Malformed) {
        {"1", "[", "[1", "[1,]", "[a]", "[0]", "[-1]", "[1 2]", "[1,2,3,4,5,6,7,8,9]", "[4294967296]"}) {
     ExpectRefused(R"([{"inputSchema": [{"name": "x", "type": "MultiArray", "dataType": "Float32", "shape": ")" +
                       std::string(shape) + R"("}]}])",
-                  "has the shape '" + std::string(shape) + "'");
+                  "entry 'x' of 'inputSchema': 'shape' is '" + std::string(shape) + "': line 1, column ");
   }
+  const auto refuse = [&](const std::string& member, const std::string& message) {
+    ExpectRefused(
+        R"([{"inputSchema": [{"name": "x", "type": "MultiArray", "dataType": "Float32", "shape": "[1, 8]", )" + member +
+            "}]}]",
+        message);
+  };
+  refuse(R"("shapeRange": "[[1, 1]]")", "has ranges for 1 dimensions, but shape [1, 8]");
+  refuse(R"("shapeRange": "[[2, 1], [8, 8]]")",
+         "'shapeRange' is '[[2, 1], [8, 8]]': line 1, column 2: has a dimension");
+  refuse(R"("shapeRange": "[[1, 1], [8, 8]] [")", "expected the end, found '['");
+  refuse(R"("enumeratedShapes": "[[1, 8], 3]")", "expected '[', found '3'");
 }
 
 }  // namespace

@@ -42,8 +42,10 @@ TEST_F(CompiledModelTest, InterfaceOfTheFunctionWhereNothingElseSaysIt) {
   ASSERT_EQ(source.inputs.size(), 2U);
   EXPECT_EQ(source.inputs[0].name, "x");
   EXPECT_EQ(source.inputs[0].shape, (Shape{1, 3, 8, 8}));
+  EXPECT_EQ(DescribeAccepted(source.inputs[0]), "[1, 3, 8, 8]");
   EXPECT_EQ(source.inputs[1].element, ElementType::Float16);
   EXPECT_TRUE(source.inputs[1].shape.empty());
+  EXPECT_EQ(DescribeAccepted(source.inputs[1]), "[1, 1 or more]");
   ASSERT_EQ(source.outputs.size(), 2U);
   EXPECT_EQ(source.outputs[0].name, "y");
   EXPECT_EQ(source.outputs[0].element, ElementType::Float16);
@@ -62,6 +64,30 @@ TEST_F(CompiledModelTest, InterfaceOfTheDescription) {
   EXPECT_EQ(source.inputs.at(0).shape, (Shape{1, 5}));
   EXPECT_EQ(source.outputs.size(), 1U);
   EXPECT_EQ(source.metadata.at("author"), "A");
+}
+
+TEST_F(CompiledModelTest, ShapesThatTheProgramAllowsAreTheFeatures) {
+  const auto withShapes = [&](const std::string& allowed) {
+    folder_.Write("c.mlmodelc/model.mil",
+                  "program(1.3) { func main<ios16>(tensor<fp32, [1, ?]> x) [FlexibleShapeInformation = tuple<t>(("
+                  "(\"DefaultShapes\", {{\"x\", [1, 8]}}), " +
+                      allowed + "))] { } -> (x); }");
+    return Read().inputs.at(0);
+  };
+  const Feature ranged = withShapes("(\"RangeDims\", {{\"x\", [[1, 1], [4, 16]]}})");
+  EXPECT_EQ(ranged.shape, (Shape{1, 8}));
+  EXPECT_EQ(DescribeAccepted(ranged), "[1, 4 to 16]");
+  const std::string sets = "(\"EnumeratedShapes\", {{\"a\", {{\"x\", [1, 8]}}}, {\"b\", {{\"x\", [1, 12]}}}})";
+  EXPECT_EQ(DescribeAccepted(withShapes(sets)), "[1, 8] or [1, 12]");
+  // The description has the last word.
+  folder_.Write("c.mlmodelc/metadata.json", R"([{"inputSchema": [{"name": "x", "type": "MultiArray",
+    "dataType": "Float32", "shape": "[1, 8]", "hasShapeFlexibility": "1", "shapeRange": "[[1, 1], [2, 9]]"}]}])");
+  EXPECT_EQ(DescribeAccepted(withShapes(sets)), "[1, 2 to 9]");
+  folder_.Write("c.mlmodelc/metadata.json", R"([{"inputSchema": [{"name": "x", "type": "MultiArray",
+    "dataType": "Float32", "shape": "[1, 8]", "hasShapeFlexibility": "1"}]}])");
+  EXPECT_EQ(DescribeAccepted(withShapes(sets)), "[1, 8] or [1, 12]");
+  ExpectError(Stage::Open, {"input 'x': has ranges for 1 dimensions, but shape [1, 8]"},
+              [&] { static_cast<void>(withShapes("(\"RangeDims\", {{\"x\", [[1, 1]]}})")); });
 }
 
 TEST_F(CompiledModelTest, OutputsThatNothingDefinesAreLeftToTheImporter) {

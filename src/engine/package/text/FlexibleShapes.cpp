@@ -4,36 +4,69 @@
 #include "engine/package/SourceChecks.h"
 #include "engine/package/text/ShapeParser.h"
 
+#include <algorithm>
+
 namespace ulmora::engine::package::text {
 namespace {
 
-constexpr ShapeRules kDefaultShape = {.owner = "a shape", .smallest = 1, .mayBeOpen = false};
+constexpr ShapeRules kShape = {.owner = "a shape", .smallest = 1, .mayBeOpen = false};
 
 std::string ParseString(Lexer& lexer) {
   if (lexer.Peek().kind != TokenKind::String) lexer.FailExpected("a string");
   return Unquoted(lexer.Take());
 }
 
-/// {{"image", [1, 3, 64, 64]}, ...}
-std::map<std::string, Shape> ParseShapes(Lexer& lexer) {
-  std::map<std::string, Shape> shapes;
+/// {{"name", item}, ...}; `take(name)` takes each item.
+template <typename Take>
+void ParseTable(Lexer& lexer, std::int64_t most, const char* what, const Take& take) {
   lexer.Expect("{");
-  if (lexer.Accept("}")) return shapes;
+  if (lexer.Accept("}")) return;
+  std::int64_t count = 0;
   do {
+    CheckCount(++count, most, what);
     lexer.Expect("{");
     const std::string name = ParseString(lexer);
     lexer.Expect(",");
-    shapes[name] = ParseShape(lexer, kDefaultShape);
+    take(name);
     lexer.Expect("}");
-    CheckCount(static_cast<std::int64_t>(shapes.size()), limits::kMaxOperands, "default shapes");
   } while (lexer.Accept(","));
   lexer.Expect("}");
-  return shapes;
+}
+
+void ParseDefaults(Lexer& lexer, FlexibleShapes& result) {
+  ParseTable(lexer, limits::kMaxOperands, "default shapes",
+             [&](const std::string& name) { result.defaults[name] = ParseShape(lexer, kShape); });
+}
+
+void ParseRangeDims(Lexer& lexer, FlexibleShapes& result) {
+  ParseTable(lexer, limits::kMaxOperands, "ranged inputs",
+             [&](const std::string& name) { result.ranges[name] = ParseRanges(lexer); });
+}
+
+void ParseSets(Lexer& lexer, FlexibleShapes& result) {
+  std::int64_t total = 0;
+  const auto takeShape = [&](const std::string& name) {
+    CheckCount(++total, limits::kMaxOperands, "shapes in sets");
+    std::vector<Shape>& shapes = result.enumerated[name];
+    Shape shape = ParseShape(lexer, kShape);
+    if (std::ranges::find(shapes, shape) == shapes.end()) shapes.push_back(std::move(shape));
+  };
+  ParseTable(lexer, limits::kMaxEnumeratedShapes, "sets of shapes",
+             [&](const std::string&) { ParseTable(lexer, limits::kMaxOperands, "shapes in a set", takeShape); });
+}
+
+void ParseEntry(Lexer& lexer, FlexibleShapes& result) {
+  const std::string name = ParseString(lexer);
+  lexer.Expect(",");
+  if (name == "DefaultShapes") return ParseDefaults(lexer, result);
+  if (name == "RangeDims") return ParseRangeDims(lexer, result);
+  if (name == "EnumeratedShapes") return ParseSets(lexer, result);
+  if (!lexer.Peek().Is("(")) lexer.SkipItem();
 }
 
 /// (("DefaultShapes", ...), ("RangeDims", ...)), within one more pair of parentheses or not.
-std::map<std::string, Shape> ParseInformation(Lexer& lexer) {
-  std::map<std::string, Shape> shapes;
+FlexibleShapes ParseInformation(Lexer& lexer) {
+  FlexibleShapes result;
   std::size_t depth = 0;
   do {
     if (lexer.Accept("(")) {
@@ -41,18 +74,12 @@ std::map<std::string, Shape> ParseInformation(Lexer& lexer) {
     } else if (lexer.Accept(")")) {
       --depth;
     } else if (lexer.Peek().kind == TokenKind::String) {
-      const bool isDefaults = ParseString(lexer) == "DefaultShapes";
-      lexer.Expect(",");
-      if (isDefaults) {
-        shapes = ParseShapes(lexer);
-      } else if (!lexer.Peek().Is("(")) {
-        lexer.SkipItem();
-      }
+      ParseEntry(lexer, result);
     } else {
       lexer.Expect(",");
     }
   } while (depth > 0);
-  return shapes;
+  return result;
 }
 
 /// Anything from a type's first word up to the parentheses behind it.
@@ -65,8 +92,8 @@ void SkipType(Lexer& lexer) {
 
 }  // namespace
 
-std::map<std::string, Shape> ParseDefaultShapes(Lexer& lexer) {
-  std::map<std::string, Shape> shapes;
+FlexibleShapes ParseFlexibleShapes(Lexer& lexer) {
+  FlexibleShapes shapes;
   lexer.Expect("[");
   if (lexer.Accept("]")) return shapes;
   do {

@@ -3,7 +3,6 @@
 #include "engine/Limits.h"
 #include "engine/package/SourceChecks.h"
 #include "engine/package/Text.h"
-#include "engine/package/text/FlexibleShapes.h"
 #include "engine/package/text/Lexer.h"
 #include "engine/package/text/StatementParser.h"
 #include "engine/package/text/TypeParser.h"
@@ -127,7 +126,7 @@ TextProgram ParseFunction(const Function& function, ConstantReader& constants) {
   program.opset = OpsetOf(function.target);
   Lexer lexer = function.parameters;
   program.inputs = ParseParameters(lexer);
-  if (lexer.Peek().Is("[")) result.defaultShapes = text::ParseDefaultShapes(lexer);
+  if (lexer.Peek().Is("[")) result.flexibleShapes = text::ParseFlexibleShapes(lexer);
   lexer.Expect("{");
   auto values = static_cast<std::int64_t>(program.inputs.size());
   while (!lexer.Accept("}")) {

@@ -17,8 +17,8 @@
 
 #include "engine/package/ConstantReader.h"
 #include "engine/package/ModelSource.h"
+#include "engine/package/text/FlexibleShapes.h"
 
-#include <map>
 #include <string>
 #include <string_view>
 
@@ -26,7 +26,7 @@ namespace ulmora::engine::package {
 
 struct TextProgram {
   SourceProgram function;
-  std::map<std::string, Shape> defaultShapes;  ///< of inputs with dimensions that are open, where the text gives them
+  FlexibleShapes flexibleShapes;  ///< of inputs with dimensions that are open, where the text gives them
 };
 
 /// Reads the function of that name; an empty name means "main", or the only function if there is but one. Throws

@@ -136,22 +136,39 @@ TEST(ProgramParser, FunctionsAreChosenByName) {
   ExpectRefused(Program(many), "found 'f0', 'f1', 'f2', 'f3', 'f4', 'f5', 'f6', 'f7', ...", Stage::Translate);
 }
 
-TEST(ProgramParser, DefaultShapesOfFlexibleInputs) {
-  const std::string attributes =
+FlexibleShapes ShapesOf(const std::string& attributes) {
+  return Parse(Program(Function("", "main", "ios16", attributes))).flexibleShapes;
+}
+
+TEST(ProgramParser, RangesOfFlexibleInputs) {
+  const FlexibleShapes shapes = ShapesOf(
       " [note = string(\"a\"), FlexibleShapeInformation = tuple<tuple<string, dict<string, tensor<int32, [?]>>>, "
       "tuple<string, dict<string, dict<string, tensor<int32, [?]>>>>>((("
       "\"DefaultShapes\", {{\"x\", [1, 3, 64, 8]}, {\"k\", []}}), (\"RangeDims\", {{\"x\", [[1, 1], [3, 3], [8, 64], "
-      "[8, "
-      "8]]}})))]";
-  const auto shapes = Parse(Program(Function("", "main", "ios16", attributes))).defaultShapes;
-  EXPECT_EQ(shapes.at("x"), (Shape{1, 3, 64, 8}));
-  EXPECT_TRUE(shapes.at("k").empty());
-  EXPECT_TRUE(Parse(Program(Function(""))).defaultShapes.empty());
-  EXPECT_TRUE(Parse(Program(Function("", "main", "ios16", "[]"))).defaultShapes.empty());
-  const std::string enumerated =
-      "[FlexibleShapeInformation = tuple<x>(((\"DefaultShapes\", {{\"x\", [1, 3, 9, 8]}}), (\"EnumeratedShapes\", "
-      "{{\"ab12\", {{\"x\", [1, 3, 9, 8]}}}})))]";
-  EXPECT_EQ(Parse(Program(Function("", "main", "ios16", enumerated))).defaultShapes.at("x"), (Shape{1, 3, 9, 8}));
+      "[0, -1]]}, {\"k\", []}})))]");
+  EXPECT_EQ(shapes.defaults.at("x"), (Shape{1, 3, 64, 8}));
+  EXPECT_TRUE(shapes.defaults.at("k").empty());
+  EXPECT_EQ(shapes.ranges.at("x"), (std::vector<SizeRange>{{1, 1}, {3, 3}, {8, 64}, {0, SizeRange::kUnbounded}}));
+  EXPECT_TRUE(shapes.ranges.at("k").empty());
+  EXPECT_TRUE(shapes.enumerated.empty());
+}
+
+TEST(ProgramParser, ShapesThatFlexibleInputsMayHave) {
+  const FlexibleShapes shapes = ShapesOf(
+      "[FlexibleShapeInformation = tuple<x>(((\"DefaultShapes\", {{\"x\", [1, 9]}}), (\"Other\", {{1}}), "
+      "(\"EnumeratedShapes\", {{\"ab12\", {{\"x\", [1, 9]}, {\"k\", [2]}}}, {\"cd\", {{\"x\", [1, 7]}, {\"k\", "
+      "[2]}}}})))]");
+  EXPECT_EQ(shapes.defaults.at("x"), (Shape{1, 9}));
+  EXPECT_EQ(shapes.enumerated.at("x"), (std::vector<Shape>{{1, 9}, {1, 7}}));
+  EXPECT_EQ(shapes.enumerated.at("k"), (std::vector<Shape>{{2}}));
+  EXPECT_TRUE(shapes.ranges.empty());
+}
+
+TEST(ProgramParser, NothingIsFlexibleWhereNothingSaysIt) {
+  for (const char* attributes : {"", "[]", "[note = string(\"a\")]"}) {
+    const FlexibleShapes shapes = ShapesOf(attributes);
+    EXPECT_TRUE(shapes.defaults.empty() && shapes.ranges.empty() && shapes.enumerated.empty()) << attributes;
+  }
 }
 
 TEST(ProgramParser, MalformedFlexibleShapes) {
@@ -167,6 +184,21 @@ TEST(ProgramParser, MalformedFlexibleShapes) {
   refuse("(((\"DefaultShapes\", {{\"x\", [y]}})))", "expected a dimension, found 'y'");
   refuse("(((\"DefaultShapes\", {{\"x\", [1,1,1,1,1,1,1,1,1]}})))", "a shape has more than 8 dimensions");
   refuse("(((\"DefaultShapes\" {})))", "expected ',', found '{'");
+  const auto refuseRange = [&](const std::string& range, const std::string& message) {
+    refuse("(((\"RangeDims\", {{\"x\", " + range + "}})))", message);
+  };
+  refuseRange("[1]", "expected '[', found '1'");
+  refuseRange("[[1]]", "expected ',', found ']'");
+  refuseRange("[[1, 2, 3]]", "expected ']', found ','");
+  refuseRange("[[a, 2]]", "expected a dimension, found 'a'");
+  refuseRange("[[-1, 2]]", "a dimension has size '-1' to '2', expected whole numbers");
+  refuseRange("[[1, 2.5]]", "a dimension has size '1' to '2.5', expected whole numbers");
+  refuseRange("[[1, 99999999999999999999]]", "expected whole numbers");
+  refuseRange("[[3, 2]]", "has a dimension of size 3 to 2");
+  refuseRange("[[4294967296, -1]]", "has a dimension of size 4294967296 to -1");
+  refuseRange("[[1,1],[1,1],[1,1],[1,1],[1,1],[1,1],[1,1],[1,1],[1,1]]", "there are more than 8 ranges");
+  refuse("(((\"EnumeratedShapes\", {{\"a\", [1]}})))", "expected '{', found '['");
+  refuse("(((\"EnumeratedShapes\", {{\"a\", {{\"x\", [0]}}}})))", "a dimension has size '0'");
   refuse("(x)", "expected ',', found 'x'");
   refuse("(" + std::string(100, '(') + ")", "brackets are nested more than 64 deep");
 }
