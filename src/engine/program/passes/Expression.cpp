@@ -25,9 +25,9 @@ void MultiplyOperands(const Rewriter& rewriter, const Operation& operation, Valu
     Multiply(rewriter, y, depth, product);
     return;
   }
-  const std::optional<double> divisor = FloatScalar(rewriter.program(), y);
-  if (divisor && *divisor != 0.0) {
-    product.scale /= *divisor;
+  const std::optional<Rounded> divisor = RoundedScalar(rewriter.program(), y);
+  if (divisor && divisor->value != 0.0) {
+    product.scale = product.scale / *divisor;
     Multiply(rewriter, x, depth, product);
   } else {
     product.factors.push_back(self);
@@ -35,10 +35,10 @@ void MultiplyOperands(const Rewriter& rewriter, const Operation& operation, Valu
 }
 
 void Multiply(const Rewriter& rewriter, ValueId id, int depth, Product& product) {
-  const std::optional<double> scalar = FloatScalar(rewriter.program(), id);
+  const std::optional<Rounded> scalar = RoundedScalar(rewriter.program(), id);
   const Operation* inner = depth < kMaxDepth ? InnerProduct(rewriter, id) : nullptr;
   if (scalar) {
-    product.scale *= *scalar;
+    product.scale = product.scale * *scalar;
   } else if (inner != nullptr) {
     MultiplyOperands(rewriter, *inner, id, depth + 1, product);
   } else {
@@ -48,19 +48,36 @@ void Multiply(const Rewriter& rewriter, ValueId id, int depth, Product& product)
 
 /// The constant and the other operand of a commutative operation.
 struct ConstantAndOther {
-  double constant = 0.0;
+  Rounded constant;
   ValueId other = 0;
 };
 
 std::optional<ConstantAndOther> SplitConstant(const Rewriter& rewriter, const Operation& operation) {
   const ValueId x = *Argument(operation, "x");
   const ValueId y = *Argument(operation, "y");
-  if (const auto constant = FloatScalar(rewriter.program(), y)) return ConstantAndOther{*constant, x};
-  if (const auto constant = FloatScalar(rewriter.program(), x)) return ConstantAndOther{*constant, y};
+  if (const auto constant = RoundedScalar(rewriter.program(), y)) return ConstantAndOther{*constant, x};
+  if (const auto constant = RoundedScalar(rewriter.program(), x)) return ConstantAndOther{*constant, y};
   return std::nullopt;
 }
 
+/// Half precision has 11 bits, and converters round once. Of single precision a few last places: converters compute in
+/// it.
+double RoundingOf(ElementType element) noexcept {
+  constexpr double kHalf = 0x1p-11;
+  constexpr double kSingle = 4 * 0x1p-24;
+  return element == ElementType::Float16 ? kHalf : kSingle;
+}
+
 }  // namespace
+
+std::optional<Rounded> RoundedScalar(const Program& program, ValueId id) {
+  const std::optional<double> value = FloatScalar(program, id);
+  return value ? std::optional(Rounded{*value, RoundingOf(program.at(id).constant->element())}) : std::nullopt;
+}
+
+bool Near(const Rounded& number, double expected) noexcept {
+  return std::abs(number.value - expected) <= number.share * std::abs(expected);
+}
 
 Product ReadProduct(const Rewriter& rewriter, const Operation& root) {
   Product product;
@@ -85,11 +102,12 @@ std::optional<Affine> ReadAffine(const Rewriter& rewriter, ValueId id) {
   affine.offset = parts->constant;
   if (subtracts) {
     const bool isSubtrahend = *Argument(*sum, "x") == parts->other;
-    (isSubtrahend ? affine.offset : affine.slope) *= -1.0;
+    Rounded& negated = isSubtrahend ? affine.offset : affine.slope;
+    negated = -negated;
   }
   const Product product = ReadProduct(rewriter, parts->other);
   const bool isScaled = product.factors.size() == 1;
-  affine.slope *= isScaled ? product.scale : 1.0;
+  if (isScaled) affine.slope = affine.slope * product.scale;
   affine.term = isScaled ? product.factors.front() : parts->other;
   return affine;
 }
@@ -105,10 +123,6 @@ std::optional<int> ReadPower(const Rewriter& rewriter, ValueId id, ValueId x) {
     return *Argument(*square, "x") == x ? std::optional(2) : std::nullopt;
   }
   return std::nullopt;
-}
-
-bool Near(double value, double expected) noexcept {
-  return std::abs(value - expected) <= 1e-3 * std::abs(expected);
 }
 
 }  // namespace ulmora::engine::program

@@ -10,17 +10,34 @@
 
 namespace ulmora::engine::program {
 
+/// A number that constants make, and by which share of it their rounding may have moved it from what was meant.
+struct Rounded {
+  double value = 1.0;
+  double share = 0.0;
+
+  friend Rounded operator*(const Rounded& a, const Rounded& b) { return {a.value * b.value, a.share + b.share}; }
+  friend Rounded operator/(const Rounded& a, const Rounded& b) { return {a.value / b.value, a.share + b.share}; }
+  friend Rounded operator-(const Rounded& a) { return {-a.value, a.share}; }
+};
+
+/// The value of a float constant with a single element; how far it may be off follows from the type that it is stored
+/// in.
+[[nodiscard]] std::optional<Rounded> RoundedScalar(const Program& program, ValueId id);
+
+/// True if rounding explains the difference of the two.
+[[nodiscard]] bool Near(const Rounded& number, double expected) noexcept;
+
 /// scale * factors[0] * factors[1] * ...
 struct Product {
-  double scale = 1.0;
+  Rounded scale;
   std::vector<ValueId> factors;
 };
 
 /// slope * term + offset
 struct Affine {
-  double slope = 1.0;
+  Rounded slope;
   ValueId term = 0;
-  double offset = 0.0;
+  Rounded offset;
 };
 
 /// The product that mul (and real_div by a constant) form at `root`, read through products that serve nothing else. A
@@ -35,8 +52,5 @@ struct Affine {
 
 /// `id` as a power of x: 3 for x * x * x or pow(x, 3), 1 for x itself; none if it is none.
 [[nodiscard]] std::optional<int> ReadPower(const Rewriter& rewriter, ValueId id, ValueId x);
-
-/// True if both differ by no more than half-precision rounding of constants explains.
-[[nodiscard]] bool Near(double value, double expected) noexcept;
 
 }  // namespace ulmora::engine::program

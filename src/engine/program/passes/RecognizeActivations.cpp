@@ -12,8 +12,8 @@
 //   clip(x, 0, 6), minimum(relu(x), 6)                    relu6
 //   maximum(x, a x) with 0 < a < 1                        leaky_relu
 //
-// Factors may come in any order and nesting, constants in float16 precision. Operations between x and the result must
-// serve nothing else: otherwise they stay, and nothing would be won.
+// Factors may come in any order and nesting, constants in the precision of their type. Operations between x and the
+// result must serve nothing else: otherwise they stay, and nothing would be won.
 
 #include "engine/program/OpCall.h"
 #include "engine/program/OpRegistry.h"
@@ -84,14 +84,14 @@ class Recognizer {
   }
 
   /// root = scale * x * gate
-  std::optional<Operation> RecognizeGate(const Operation& root, double scale, ValueId x, ValueId gate) {
-    if (scale == 1.0) {
+  std::optional<Operation> RecognizeGate(const Operation& root, const Rounded& scale, ValueId x, ValueId gate) {
+    if (scale.value == 1.0) {
       if (auto found = RecognizeSigmoidGate(root, x, gate)) return found;
       if (auto found = RecognizeMish(root, x, gate)) return found;
       if (auto found = RecognizeHardGate(root, x, gate)) return found;
     }
     if (Near(scale, 1.0 / 6.0) && IsRelu6OfShifted(x, gate)) {
-      const ValueId alpha = Scalar(scale);
+      const ValueId alpha = Scalar(scale.value);
       return HardSwish(root, x, alpha, Scalar(0.5));
     }
     return RecognizeGelu(root, scale, x, gate);
@@ -122,13 +122,18 @@ class Recognizer {
     const ValueId alpha = *Argument(*hard, "alpha");
     const ValueId beta = *Argument(*hard, "beta");
     const Operation* cut = rewriter_.Inner(x, "thresholded_relu", 2);
-    const std::optional<double> threshold = cut == nullptr ? std::nullopt : ScalarArgument(*cut, "alpha");
-    const std::optional<double> slope = ScalarArgument(*hard, "alpha");
-    const std::optional<double> offset = ScalarArgument(*hard, "beta");
-    if (threshold && slope && offset && *slope > 0.0 && Near(-*offset / *slope, *threshold)) {
+    const std::optional<Rounded> threshold = cut == nullptr ? std::nullopt : RoundedArgument(*cut, "alpha");
+    const std::optional<Rounded> slope = RoundedArgument(*hard, "alpha");
+    const std::optional<Rounded> offset = RoundedArgument(*hard, "beta");
+    const bool isKnown = threshold && slope && offset && slope->value > 0.0 && threshold->value != 0.0;
+    if (isKnown && Near(-*offset / *slope / *threshold, 1.0)) {
       return HardSwish(root, *Argument(*cut, "x"), alpha, beta);
     }
     return HardSwish(root, x, alpha, beta);
+  }
+
+  [[nodiscard]] std::optional<Rounded> RoundedArgument(const Operation& operation, std::string_view parameter) const {
+    return RoundedScalar(rewriter_.program(), *Argument(operation, parameter));
   }
 
   [[nodiscard]] std::optional<double> ScalarArgument(const Operation& operation, std::string_view parameter) const {
@@ -140,7 +145,7 @@ class Recognizer {
     const Operation* relu6 = rewriter_.Inner(gate, "relu6");
     if (relu6 == nullptr) return false;
     const std::optional<Affine> sum = ReadAffine(rewriter_, *Argument(*relu6, "x"));
-    return sum && sum->term == x && sum->slope == 1.0 && sum->offset == 3.0;
+    return sum && sum->term == x && sum->slope.value == 1.0 && sum->offset.value == 3.0;
   }
 
   /// relu6(x + 3) / 6
@@ -148,13 +153,13 @@ class Recognizer {
     const Operation* relu6 = rewriter_.Inner(product.factors.front(), "relu6");
     if (relu6 == nullptr || !Near(product.scale, 1.0 / 6.0)) return std::nullopt;
     const std::optional<Affine> sum = ReadAffine(rewriter_, *Argument(*relu6, "x"));
-    if (!sum || sum->slope != 1.0 || sum->offset != 3.0) return std::nullopt;
-    const ValueId alpha = Scalar(product.scale);
+    if (!sum || sum->slope.value != 1.0 || sum->offset.value != 3.0) return std::nullopt;
+    const ValueId alpha = Scalar(product.scale.value);
     return MakeOperation("sigmoid_hard", root, {{"x", sum->term}, {"alpha", alpha}, {"beta", Scalar(0.5)}});
   }
 
   /// scale * x * (slope * function + offset) with scale * slope = scale * offset = 1/2
-  std::optional<Operation> RecognizeGelu(const Operation& root, double scale, ValueId x, ValueId gate) {
+  std::optional<Operation> RecognizeGelu(const Operation& root, const Rounded& scale, ValueId x, ValueId gate) {
     const std::optional<Affine> sum = ReadAffine(rewriter_, gate);
     if (!sum || !Near(scale * sum->offset, 0.5) || !Near(scale * sum->slope, 0.5)) return std::nullopt;
     if (const Operation* erf = rewriter_.Inner(sum->term, "erf")) {
@@ -217,8 +222,8 @@ class Recognizer {
       if (rewriter_.Inner(other, "mul") == nullptr) continue;
       const Product product = ReadProduct(rewriter_, other);
       const bool isScaledX = product.factors.size() == 1 && product.factors.front() == x;
-      if (isScaledX && product.scale > 0.0 && product.scale < 1.0) {
-        return MakeOperation("leaky_relu", root, {{"x", x}, {"alpha", Scalar(product.scale)}});
+      if (isScaledX && product.scale.value > 0.0 && product.scale.value < 1.0) {
+        return MakeOperation("leaky_relu", root, {{"x", x}, {"alpha", Scalar(product.scale.value)}});
       }
     }
     return std::nullopt;

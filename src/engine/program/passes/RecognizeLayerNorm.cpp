@@ -83,9 +83,9 @@ class Recognizer {
       return std::nullopt;
     }
     const std::optional<Affine> sum = ReadAffine(rewriter_, inside);
-    if (sum && sum->slope != 1.0) return std::nullopt;
+    if (sum && sum->slope.value != 1.0) return std::nullopt;
     root.term = sum ? sum->term : inside;
-    root.epsilon += sum ? sum->offset : 0.0;
+    root.epsilon += sum ? sum->offset.value : 0.0;
     return root;
   }
 

@@ -9,9 +9,10 @@ namespace {
 using testing::ElementsAre;
 using testing::SizeIs;
 
-/// Half precision of the constants that converters write.
+/// Constants as converters write them in half precision.
 constexpr float kHalfOfCubic = 0.044708252F;
 constexpr float kHalfOfRoot = 0.70703125F;
+constexpr float kHalfOfSixth = 0.16662598F;
 
 struct Network : NetworkBuilder {
   ValueId x = Input("x", {1, 2, 5, 7});
@@ -34,8 +35,14 @@ struct Network : NetworkBuilder {
 
   ValueId Erf(ValueId inside) { return Binary("add", Unary("erf", inside), 1.0F); }
 
+  ValueId Half(float value) { return Constant(Tensor::Floats({}, {value}, ElementType::Float16)); }
+
   /// The cubic of the tanh form.
-  ValueId Cubic(ValueId cube, float factor = 0.044715F) { return Binary("add", x, Binary("mul", cube, factor)); }
+  ValueId Cubic(ValueId cube) { return Cubic(cube, Scalar(0.044715F)); }
+  ValueId Cubic(ValueId cube, ValueId factor) { return Binary("add", x, Binary("mul", cube, factor)); }
+
+  /// x / 2 * (1 + erf(argument * x))
+  ValueId GeluOf(ValueId argument) { return Binary("mul", Binary("mul", x, 0.5F), Erf(Binary("mul", x, argument))); }
   ValueId TanhOf(ValueId cubic) {
     return Unary("tanh", Binary("mul", cubic, static_cast<float>(std::sqrt(2.0 / std::numbers::pi))));
   }
@@ -75,7 +82,7 @@ TEST(RecognizeActivations, GeluExactInSeveralNestings) {
                                     first.Erf(first.Binary("real_div", first.x, std::numbers::sqrt2_v<float>)))),
       ElementsAre("gelu"));
   Network second;  // x * (0.5 * (1 + erf(0.7071 x)))
-  const ValueId half = second.Binary("mul", second.Erf(second.Binary("mul", second.x, kHalfOfRoot)), 0.5F);
+  const ValueId half = second.Binary("mul", second.Erf(second.Binary("mul", second.x, second.Half(kHalfOfRoot))), 0.5F);
   EXPECT_THAT(second.Recognized(second.Binary("mul", second.x, half), 1e-3), ElementsAre("gelu"));
   Network third;  // (x * (1 + erf)) * 0.5
   const ValueId product = third.Binary("mul", third.Erf(third.Binary("mul", third.x, 0.70710678F)), third.x);
@@ -102,10 +109,26 @@ TEST(RecognizeActivations, NotAlmostGelu) {
               SizeIs(5));
 }
 
+TEST(RecognizeActivations, ConstantsMayBeOffByTheRoundingOfTheirTypeAlone) {
+  const float root = static_cast<float>(std::numbers::sqrt2 / 2.0);
+  Network exact;
+  EXPECT_THAT(exact.Recognized(exact.GeluOf(exact.Scalar(root))), ElementsAre("gelu"));
+  Network lastPlaces;
+  EXPECT_THAT(lastPlaces.Recognized(lastPlaces.GeluOf(lastPlaces.Scalar(root * (1.0F + 0x1p-23F)))),
+              ElementsAre("gelu"));
+  Network half;
+  EXPECT_THAT(half.Recognized(half.GeluOf(half.Half(kHalfOfRoot)), 1e-3), ElementsAre("gelu"));
+  // The same number in single precision was meant as it is; and so was the next but one in half precision.
+  Network single;
+  EXPECT_THAT(single.Recognized(single.GeluOf(single.Scalar(kHalfOfRoot))), SizeIs(5));
+  Network other;
+  EXPECT_THAT(other.Recognized(other.GeluOf(other.Half(kHalfOfRoot - 2 * 0x1p-11F))), SizeIs(5));
+}
+
 TEST(RecognizeActivations, GeluByTanhInSeveralForms) {
   Network pow;
   const ValueId cube = pow.Binary("pow", pow.x, 3.0F);
-  const ValueId gate = pow.Binary("add", pow.TanhOf(pow.Cubic(cube, kHalfOfCubic)), 1.0F);
+  const ValueId gate = pow.Binary("add", pow.TanhOf(pow.Cubic(cube, pow.Half(kHalfOfCubic))), 1.0F);
   EXPECT_THAT(pow.Recognized(pow.Binary("mul", pow.Binary("mul", pow.x, 0.5F), gate), 1e-3), ElementsAre("gelu"));
   Network products;
   const ValueId power = products.Binary("mul", products.Binary("mul", products.x, products.x), products.x);
@@ -156,6 +179,14 @@ TEST(RecognizeActivations, HardSwish) {
   const ValueId hard = gated.Unary("relu6", gated.Binary("add", gated.x, 3.0F));
   EXPECT_THAT(gated.Recognized(gated.Binary("mul", gated.x, gated.Binary("mul", hard, 1.0F / 6))),
               ElementsAre("hard_swish"));
+}
+
+TEST(RecognizeActivations, HardSwishInHalfPrecision) {
+  Network network;
+  const ValueId cut = network.Call("thresholded_relu", {{"x", {network.x}}, {"alpha", {network.Half(-3.0F)}}});
+  const ValueId gate = network.Call(
+      "sigmoid_hard", {{"x", {cut}}, {"alpha", {network.Half(kHalfOfSixth)}}, {"beta", {network.Half(0.5F)}}});
+  EXPECT_THAT(network.Recognized(network.Binary("mul", cut, gate), 1e-3), ElementsAre("hard_swish"));
 }
 
 TEST(RecognizeActivations, HardSwishKeepsACutThatMatters) {
