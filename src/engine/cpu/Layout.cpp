@@ -1,5 +1,6 @@
 #include "engine/cpu/Layout.h"
 
+#include "engine/cpu/RoundUp.h"
 #include "engine/program/ShapeMath.h"
 
 namespace ulmora::engine::cpu {
@@ -39,7 +40,7 @@ std::vector<std::int64_t> BlockedStrides(const Shape& shape) {
     stride *= shape[axis];
   }
   strides[kChannelAxis] = stride;
-  strides[0] = stride * ((shape[kChannelAxis] + Block() - 1) / Block());
+  strides[0] = stride * DivideUp(shape[kChannelAxis], Block());
   return strides;
 }
 
@@ -86,7 +87,7 @@ std::int64_t ByteCount(const TensorType& type, Layout layout) {
   std::int64_t count = ElementCount(type.shape);
   if (layout == Layout::Blocked && count > 0) {
     const std::int64_t channels = type.shape[kChannelAxis];
-    count = count / channels * ((channels + Block() - 1) / Block() * Block());
+    count = count / channels * RoundUp(channels, Block());
   }
   return count * ElementBytes(StorageOf(type.element));
 }

@@ -1,6 +1,7 @@
 #include "engine/cpu/MemoryPlan.h"
 
 #include "engine/cpu/LifetimeIndex.h"
+#include "engine/cpu/RoundUp.h"
 
 #include <algorithm>
 #include <iterator>
@@ -17,8 +18,8 @@ namespace {
 /// alive at once, and little enough for a hundred thousand blocks to be placed in seconds.
 constexpr std::int64_t kLooksPerBlock = 64;
 
-std::int64_t RoundUp(std::int64_t bytes) {
-  return (bytes + kArenaAlignment - 1) / kArenaAlignment * kArenaAlignment;
+std::int64_t AlignedSize(const Block& block) {
+  return RoundUp(block.bytes, kArenaAlignment);
 }
 
 struct Range {
@@ -52,10 +53,10 @@ std::optional<MemoryPlan> PlanBySize(const std::vector<Block>& blocks) {
   LifetimeIndex placed(blocks);
   std::vector<Range> taken;
   for (const std::size_t index : order) {
-    const std::int64_t bytes = RoundUp(blocks[index].bytes);
+    const std::int64_t bytes = AlignedSize(blocks[index]);
     taken.clear();
     placed.ForEachAliveWith(blocks[index], [&](std::size_t other) {
-      taken.push_back({plan.offsets[other], plan.offsets[other] + RoundUp(blocks[other].bytes)});
+      taken.push_back({plan.offsets[other], plan.offsets[other] + AlignedSize(blocks[other])});
     });
     plan.looked += std::ssize(taken);
     if (plan.looked > most) return std::nullopt;
@@ -146,11 +147,11 @@ MemoryPlan PlanMemoryInOrder(const std::vector<Block>& blocks) {
   for (const std::size_t index : order) {
     while (!alive.empty() && alive.begin()->first < blocks[index].first) {
       const std::size_t done = alive.begin()->second;
-      gaps.Give(plan.offsets[done], RoundUp(blocks[done].bytes));
+      gaps.Give(plan.offsets[done], AlignedSize(blocks[done]));
       alive.erase(alive.begin());
       ++plan.looked;
     }
-    plan.offsets[index] = gaps.Take(RoundUp(blocks[index].bytes));
+    plan.offsets[index] = gaps.Take(AlignedSize(blocks[index]));
     alive.emplace(blocks[index].last, index);
   }
   plan.bytes = gaps.end();

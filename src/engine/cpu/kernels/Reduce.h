@@ -1,6 +1,7 @@
 #pragma once
 // One value from many: reductions of [outer, count, inner] along the middle.
 
+#include "engine/cpu/RoundUp.h"
 #include "engine/cpu/kernels/Parallel.h"
 
 #include <algorithm>
@@ -62,7 +63,7 @@ class Reducer {
   /// Neighbouring results that are accumulated side by side.
   static constexpr std::int64_t kLanes = 32;
 
-  [[nodiscard]] std::int64_t Tiles() const { return (view_.inner + kLanes - 1) / kLanes; }
+  [[nodiscard]] std::int64_t Tiles() const { return DivideUp(view_.inner, kLanes); }
   [[nodiscard]] std::int64_t Tasks() const { return view_.outer * Tiles(); }
 
   void RunTask(const float* source, State* partial, std::int64_t task) const {

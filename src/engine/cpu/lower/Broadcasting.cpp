@@ -1,5 +1,7 @@
 #include "engine/cpu/lower/Broadcasting.h"
 
+#include "engine/cpu/RoundUp.h"
+
 #include <algorithm>
 
 namespace ulmora::engine::cpu {
@@ -18,8 +20,7 @@ Layout LayoutBeside(const Shape& shape, const Shape& result, Layout layout) {
 std::vector<Loop> LoopsWithLanes(const Shape& shape, Layout layout) {
   if (layout != Layout::Blocked || FillsBlocks(shape)) return MemoryOrder(shape, layout);
   Shape filled = shape;
-  const std::int64_t block = onednn::ChannelBlock();
-  filled[kChannelAxis] = (shape[kChannelAxis] + block - 1) / block * block;
+  filled[kChannelAxis] = RoundUp(shape[kChannelAxis], onednn::ChannelBlock());
   return MemoryOrder(filled, layout);
 }
 

@@ -1,5 +1,6 @@
 // conv as the library's convolution or our own Winograd kernels, and conv_transpose as the library's deconvolution.
 
+#include "engine/cpu/RoundUp.h"
 #include "engine/cpu/lower/Families.h"
 #include "engine/cpu/lower/PostOps.h"
 #include "engine/cpu/lower/WinogradConv.h"
@@ -82,8 +83,7 @@ ConvTask MakeTask(const LowerCall& call, bool transposed) {
 }
 
 std::int64_t RoundedToBlock(std::int64_t channels) {
-  const std::int64_t block = onednn::ChannelBlock();
-  return (channels + block - 1) / block * block;
+  return RoundUp(channels, onednn::ChannelBlock());
 }
 
 /// Cost of the best direct kernel: of the multiplications, or of the memory traffic where there are few of those.

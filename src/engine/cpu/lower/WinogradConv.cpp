@@ -1,5 +1,6 @@
 #include "engine/cpu/lower/WinogradConv.h"
 
+#include "engine/cpu/RoundUp.h"
 #include "engine/cpu/kernels/winograd/Winograd.h"
 #include "engine/cpu/lower/FusedStep.h"
 
@@ -98,10 +99,9 @@ bool Suits(const LowerCall& call, const ConvGeometry& g) {
 /// Time against the best direct kernel, as measured: the transforms weigh less the more channels share them.
 double TimeAgainstDirect(const WinogradTask& shape, std::int64_t rows) {
   const double channels = static_cast<double>(std::min(shape.inputs, shape.outputs));
-  const auto upTo = [](std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; };
-  const std::int64_t tiles = shape.images * upTo(shape.resultHeight, kWinogradTile) / kWinogradTile *
-                             (upTo(shape.resultWidth, kWinogradTile) / kWinogradTile);
-  const double computed = static_cast<double>(upTo(tiles, rows) * kWinogradTile * kWinogradTile);
+  const std::int64_t tiles =
+      shape.images * DivideUp(shape.resultHeight, kWinogradTile) * DivideUp(shape.resultWidth, kWinogradTile);
+  const double computed = static_cast<double>(RoundUp(tiles, rows) * kWinogradTile * kWinogradTile);
   const double wanted = static_cast<double>(shape.images * shape.resultHeight * shape.resultWidth);
   return (0.45 + 9.0 / channels) * computed / wanted;
 }

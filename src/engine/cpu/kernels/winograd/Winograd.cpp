@@ -1,5 +1,6 @@
 #include "engine/cpu/kernels/winograd/Winograd.h"
 
+#include "engine/cpu/RoundUp.h"
 #include "engine/cpu/kernels/Parallel.h"
 #include "engine/cpu/kernels/winograd/WinogradVariants.h"
 
@@ -12,10 +13,6 @@ namespace {
 
 /// What a run of tiles may keep in a core's second-level cache, in floats.
 constexpr std::int64_t kCacheFloats = 1024 * 1024 / 4;
-
-std::int64_t CeilDivide(std::int64_t a, std::int64_t b) {
-  return (a + b - 1) / b;
-}
 
 }  // namespace
 
@@ -35,11 +32,10 @@ WinogradPlan::WinogradPlan(const WinogradKernels& kernels, const WinogradTask& s
       inputs_(shape.inputs),
       outputs_(shape.outputs),
       threads_(threads),
-      tiles_(shape.images * CeilDivide(shape.resultHeight, kWinogradTile) *
-             CeilDivide(shape.resultWidth, kWinogradTile)) {
+      tiles_(shape.images * DivideUp(shape.resultHeight, kWinogradTile) * DivideUp(shape.resultWidth, kWinogradTile)) {
   const std::int64_t rows = kernels.rows;
   const std::int64_t fitting = kCacheFloats / (kWinogradProducts * (inputs_ + outputs_)) / rows;
-  const std::int64_t shared = CeilDivide(CeilDivide(tiles_, threads), rows);
+  const std::int64_t shared = DivideUp(DivideUp(tiles_, threads), rows);
   capacity_ = rows * std::clamp<std::int64_t>(fitting, 1, std::max<std::int64_t>(shared, 1));
   scratch_ = kWinogradProducts * ((inputs_ + outputs_) * capacity_ + 2 * kPlaneGap);
 }
@@ -65,7 +61,7 @@ void WinogradPlan::Pack(const float* weights, float* packed) const {
 }
 
 void WinogradPlan::Run(const WinogradTask& task, float* scratch) const {
-  const std::int64_t runs = CeilDivide(tiles_, capacity_);
+  const std::int64_t runs = DivideUp(tiles_, capacity_);
 #pragma omp parallel num_threads(std::min(threads_, omp_get_max_threads()))
   {
     float* mine = scratch + omp_get_thread_num() * scratch_;
