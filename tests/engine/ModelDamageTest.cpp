@@ -1,6 +1,6 @@
 // Damaged packages: whatever is cut off or flipped, opening succeeds or throws the engine's one exception.
 
-#include "engine/Model.h"
+#include "tests/engine/Damage.h"
 #include "tests/engine/package/PackageTesting.h"
 
 #include <gtest/gtest.h>
@@ -14,29 +14,12 @@ using package::testing::Fixtures;
 using package::testing::ReadFile;
 using package::testing::TemporaryFolder;
 using package::testing::WritePackage;
+using testing::Flipped;
 
 class ModelDamage : public ::testing::Test {
  protected:
-  /// True if the package opens; an engine error of one line is the only other thing that may happen.
   bool Opens(const std::string& message, const std::string& weights) {
-    const std::filesystem::path package = WritePackage(folder_, message, weights);
-    try {
-      const Model model(package);
-      return true;
-    } catch (const Error& error) {
-      const std::string text = error.what();
-      EXPECT_FALSE(text.empty());
-      EXPECT_EQ(text.find('\n'), std::string::npos) << text;
-      EXPECT_NE(error.stage(), Stage::Run) << text;
-      return false;
-    }
-  }
-
-  static std::string Flipped(std::string bytes, std::mt19937& random, int count) {
-    for (int i = 0; i < count; ++i) {
-      bytes[random() % bytes.size()] ^= static_cast<char>(1U << (random() % 8));
-    }
-    return bytes;
+    return testing::OpensOrFailsInOneLine(WritePackage(folder_, message, weights));
   }
 
   TemporaryFolder folder_;
@@ -50,10 +33,7 @@ TEST_F(ModelDamage, UndamagedPackageOpens) {
 }
 
 TEST_F(ModelDamage, TruncatedMessages) {
-  for (std::size_t length = 0; length < message_.size(); length += 1 + length / 60) {
-    SCOPED_TRACE(length);
-    EXPECT_FALSE(Opens(message_.substr(0, length), weights_));
-  }
+  testing::ForTruncated(message_, 60, [&](const std::string& message) { EXPECT_FALSE(Opens(message, weights_)); });
   EXPECT_FALSE(Opens(message_.substr(0, message_.size() - 1), weights_));
 }
 

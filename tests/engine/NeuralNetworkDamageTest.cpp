@@ -1,8 +1,8 @@
 // Damaged networks of layers: bytes cut off or flipped, and messages that are well formed but make no sense. Opening
 // succeeds or throws the engine's one exception.
 
-#include "engine/Model.h"
 #include "schema/Model.pb.h"
+#include "tests/engine/Damage.h"
 #include "tests/engine/package/PackageTesting.h"
 
 #include <google/protobuf/descriptor.h>
@@ -22,7 +22,8 @@ using package::testing::ReadFile;
 using package::testing::TemporaryFolder;
 
 constexpr const char* kModels[] = {"layers-dncnn-version1", "layers-unet-float16", "layers-resampling",
-                                   "layers-attention", "layers-table4"};
+                                   "layers-attention",      "layers-table4",       "layers-positions",
+                                   "layers-sizes"};
 
 /// Changes one field somewhere in a message to a number that tests bounds, drops it, or repeats it.
 class Mutator {
@@ -112,19 +113,8 @@ class Mutator {
 
 class NeuralNetworkDamage : public ::testing::TestWithParam<const char*> {
  protected:
-  /// True if the model opens; an engine error of one line is the only other thing that may happen.
   bool Opens(const std::string& message) {
-    const std::filesystem::path file = folder_.Write("damaged.mlmodel", message);
-    try {
-      const Model model(file);
-      return true;
-    } catch (const Error& error) {
-      const std::string text = error.what();
-      EXPECT_FALSE(text.empty());
-      EXPECT_EQ(text.find('\n'), std::string::npos) << text;
-      EXPECT_NE(error.stage(), Stage::Run) << text;
-      return false;
-    }
+    return testing::OpensOrFailsInOneLine(folder_.Write("damaged.mlmodel", message));
   }
 
   TemporaryFolder folder_;
@@ -136,19 +126,14 @@ TEST_P(NeuralNetworkDamage, UndamagedModelOpens) {
 }
 
 TEST_P(NeuralNetworkDamage, TruncatedModels) {
-  for (std::size_t length = 0; length < message_.size(); length += 1 + length / 20) {
-    SCOPED_TRACE(length);
-    EXPECT_FALSE(Opens(message_.substr(0, length)));
-  }
+  testing::ForTruncated(message_, 20, [&](const std::string& message) { EXPECT_FALSE(Opens(message)); });
 }
 
 TEST_P(NeuralNetworkDamage, FlippedBits) {
   std::mt19937 random(20240312);
   for (int round = 0; round < 150; ++round) {
     SCOPED_TRACE(round);
-    std::string bytes = message_;
-    for (int i = 0; i <= round % 3; ++i) bytes[random() % bytes.size()] ^= static_cast<char>(1U << (random() % 8));
-    static_cast<void>(Opens(bytes));
+    static_cast<void>(Opens(testing::Flipped(message_, random, 1 + round % 3)));
   }
 }
 
