@@ -110,6 +110,9 @@ TEST(Linear, EinsumRefusesOtherEquations) {
             "letters");
   EXPECT_THAT(refusal("abc,cba->aba"), HasSubstr("equation is"));
   EXPECT_THAT(refusal("abb,bbd->abd"), HasSubstr("equation is"));
+  // A letter more than the pattern has: a sum over two of them.
+  EXPECT_THAT(refusal("abc,ced->abd"), HasSubstr("equation is"));
+  EXPECT_THAT(refusal("abc,cbd->aed"), HasSubstr("equation is"));
   EXPECT_THAT(refusal("ab,bc->ac"), HasSubstr("equation is"));
   EXPECT_THAT(refusal(""), HasSubstr("equation is ''"));
   const std::vector<Tensor> odd = {Ramp({2, 2, 3}), Ramp({2, 2, 2})};

@@ -83,6 +83,20 @@ TEST(TensorReshape, TransposeRefusesWhatIsNoPermutation) {
   EXPECT_THAT(RefusalOf("transpose", {{"x", x}, {"perm", {0, 2}}}), HasSubstr("axis 2 is outside"));
 }
 
+TEST(TensorReshape, ReshapeLikeTakesListsEntryByEntry) {
+  const auto ints = [](std::int32_t a, std::int32_t b) { return std::vector<Tensor>{Tensor::Int(a), Tensor::Int(b)}; };
+  TestOperands operands = {{"x", Ramp({6, 20})}};
+  operands.insert_or_assign("ref_tensors", std::vector<Tensor>{Ramp({2, 3, 9}), Ramp({7, 4, 5})});
+  operands.insert_or_assign("begins", ints(0, 1));
+  operands.insert_or_assign("ends", ints(2, 0));
+  operands.insert_or_assign("end_masks", std::vector<Tensor>{Tensor::Bool(false), Tensor::Bool(true)});
+  EXPECT_EQ(EvaluateOne("reshape_like", operands).shape(), (Shape{2, 3, 4, 5}));
+  operands.insert_or_assign("begins", std::vector<Tensor>{Tensor::Int(0), Tensor::Float(1.0F)});
+  EXPECT_EQ(RefusalOf("reshape_like", operands), "reshape_like 'op': begins is of type float32, expected integers");
+  operands.insert_or_assign("begins", TestOperand(IntType({})));
+  EXPECT_EQ(RefusalOf("reshape_like", operands), "reshape_like 'op': parameter 'begins' must be a constant");
+}
+
 TEST(TensorReshape, ExpandDimsCountsInTheResult) {
   const auto expand = [](std::initializer_list<std::int32_t> axes) {
     return InferShape("expand_dims", {{"x", FloatType({2, 3})}, {"axes", TestOperand(axes)}});

@@ -28,7 +28,7 @@ Shape ReadShape(const OpCall& call) {
 /// Fails unless the parameter holds the bytes of `bits` bits for each element of `shape`.
 void RequirePacked(const OpCall& call, std::string_view parameter, const Shape& shape, std::int64_t bits) {
   RequireInts(call, parameter);
-  RequireShape(call, parameter, {(ElementCount(shape) * bits + 7) / 8});
+  RequireShape(call, parameter, {(CountElements(call, shape) * bits + 7) / 8});
 }
 
 /// Element i of a stream of `bits`-bit numbers, lowest bits first; each int holds one byte.

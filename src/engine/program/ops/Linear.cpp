@@ -149,17 +149,20 @@ Einsum ParseEinsum(const OpCall& call) {
   const std::string given = call.Text("equation");
   std::string equation = given;
   std::erase(equation, ' ');
-  std::map<char, char> canonical;
-  std::string renamed;
   const bool ranksAreFour = call.ShapeOf("values", 0).size() == 4;
   const std::string pattern = ranksAreFour ? "nchw,nwhu->nchu" : "chw,whr->chr";
+  // Every letter must stand for one of the pattern's, and no two for the same: the others are sums of another kind.
+  std::map<char, char> canonical;
+  std::map<char, char> origin;
+  std::string renamed;
   if (equation.size() == pattern.size()) {
     for (std::size_t i = 0; i < equation.size(); ++i) {
       const bool isLetter = pattern[i] >= 'a' && pattern[i] <= 'z';
-      renamed += isLetter ? canonical.emplace(equation[i], pattern[i]).first->second : equation[i];
+      const bool isAlone = !isLetter || origin.emplace(pattern[i], equation[i]).first->second == equation[i];
+      const char name = isLetter ? canonical.emplace(equation[i], pattern[i]).first->second : equation[i];
+      renamed += isAlone ? name : '?';
     }
   }
-  // A letter used for two of the pattern's would have been renamed to the first of them, and the texts would differ.
   if (renamed != pattern) {
     call.Fail("equation is '" + given + "', expected nchw,nwhu->nchu or chw,whr->chr with these or other letters");
   }

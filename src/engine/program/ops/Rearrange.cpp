@@ -120,7 +120,8 @@ std::vector<TensorType> InferSpaceToBatch(const OpCall& call) {
               ToString({blocks.height, blocks.width}));
   }
   // Below 2^31 each, one block at a time, so that no product can overflow before ElementCount sees it.
-  if (ElementCount({type.shape[0], blocks.height, blocks.width}) > INT32_MAX) call.Fail("block_shape is too large");
+  if (CountElements(call, {type.shape[0], blocks.height, blocks.width}) > INT32_MAX)
+    call.Fail("block_shape is too large");
   type.shape = {type.shape[0] * blocks.height * blocks.width, type.shape[1], height / blocks.height,
                 width / blocks.width};
   return {type};

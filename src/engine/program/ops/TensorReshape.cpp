@@ -72,12 +72,33 @@ std::vector<TensorType> InferReshape(const OpCall& call) {
   return Like(call, InferOpenDim(call, std::move(shape)));
 }
 
+/// All operands of a variadic parameter of constants, one after another: lists come as one vector or, as converters
+/// write them, as one operand for each entry.
+std::vector<std::int64_t> IntsOfAll(const OpCall& call, std::string_view parameter) {
+  std::vector<std::int64_t> all;
+  for (std::size_t i = 0; i < call.Count(parameter); ++i) {
+    RequireInts(call, parameter, i);
+    const std::span<const std::int32_t> entries = call.Value(parameter, i).ints();
+    all.insert(all.end(), entries.begin(), entries.end());
+  }
+  return all;
+}
+
+std::vector<bool> BoolsOfAll(const OpCall& call, std::string_view parameter) {
+  std::vector<bool> all;
+  for (std::size_t i = 0; i < call.Count(parameter); ++i) {
+    RequireBools(call, parameter, i);
+    for (const std::uint8_t entry : call.Value(parameter, i).bools()) all.push_back(entry != 0);
+  }
+  return all;
+}
+
 /// One range per reference: its dimensions [begin, end), or to the last one where the mask is set.
 std::vector<TensorType> InferReshapeLike(const OpCall& call) {
   const std::size_t count = call.Count("ref_tensors");
-  const std::vector<std::int64_t> begins = call.Ints("begins");
-  const std::vector<std::int64_t> ends = call.Ints("ends");
-  const std::vector<bool> masks = call.Bools("end_masks");
+  const std::vector<std::int64_t> begins = IntsOfAll(call, "begins");
+  const std::vector<std::int64_t> ends = IntsOfAll(call, "ends");
+  const std::vector<bool> masks = BoolsOfAll(call, "end_masks");
   if (begins.size() != count || ends.size() != count || masks.size() != count) {
     call.Fail("begins, ends and end_masks have " + std::to_string(begins.size()) + ", " + std::to_string(ends.size()) +
               " and " + std::to_string(masks.size()) + " entries, expected " + std::to_string(count));
@@ -173,7 +194,11 @@ std::vector<TensorType> InferFlatten(const OpCall& call) {
     call.Fail("axis " + std::to_string(given) + " is outside a tensor of rank " + std::to_string(rank));
   }
   const auto middle = x.begin() + (given < 0 ? given + rank : given);
-  return Like(call, {ElementCount({x.begin(), middle}), ElementCount({middle, x.end()})});
+  return Like(call, {CountElements(call, {x.begin(), middle}), CountElements(call, {middle, x.end()})});
+}
+
+Parameter ConstantList(std::string_view name) {
+  return {.name = name, .presence = Presence::Variadic, .mustBeConstant = true};
 }
 
 }  // namespace
@@ -183,7 +208,7 @@ std::vector<OpDefinition> ReshapeOps() {
       {"reshape", {Required("x"), Required("shape")}, InferReshape, EvaluateAsReshape<InferReshape>},
       {"reshape_like",
        {Required("x"), Parameter{.name = "ref_tensors", .presence = Presence::Variadic, .typeOnly = true},
-        RequiredConstant("begins"), RequiredConstant("ends"), RequiredConstant("end_masks")},
+        ConstantList("begins"), ConstantList("ends"), ConstantList("end_masks")},
        InferReshapeLike,
        EvaluateAsReshape<InferReshapeLike>},
       {"transpose", {Required("x"), RequiredConstant("perm")}, InferTranspose, EvaluateTranspose},
