@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <numeric>
 #include <set>
 
@@ -37,6 +38,8 @@ TEST(OperatorSweep, UnaryFunctions) {
   SweepUnary("rsqrt", 0.1F, 5.0F);
   SweepUnary("inverse", 0.1F, 5.0F);
   SweepUnary("clip", -2.0F, 2.0F, {}, {{"alpha", Tensor::Float(-0.5F)}, {"beta", Tensor::Float(1.0F)}});
+  // Bounds that cross: the upper one wins.
+  SweepUnary("clip", -2.0F, 2.0F, {}, {{"alpha", Tensor::Float(0.5F)}, {"beta", Tensor::Float(-1.0F)}});
   SweepUnary("threshold", -2.0F, 2.0F, {}, {{"alpha", Tensor::Float(0.2F)}});
 }
 
@@ -44,6 +47,12 @@ TEST(OperatorSweep, LogOfZeroKeepsItsEpsilon) {
   OpCase c{"log", {}, {}};
   c.running["x"] = {Tensor::Floats({3}, {0.0F, 1.0F, 0.0F})};
   ExpectSame(c, {1e-5, 1e-5});
+}
+
+TEST(OperatorSweep, SignOfNoNumberIsNone) {
+  OpCase c{"sign", {}, {}};
+  c.running["x"] = {Tensor::Floats({4}, {std::numeric_limits<float>::quiet_NaN(), -2.0F, 0.0F, 3.0F})};
+  ExpectSame(c);
 }
 
 TEST(OperatorSweep, Activations) {

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace ulmora::engine::cpu {
@@ -419,6 +420,42 @@ TEST(FusedSteps, OfOneKindKeepTheirOwnParameters) {
   program::Rewrite(program);
   Random random(1);
   ExpectSame(program, random.Floats(shape), {1e-5, 1e-5});
+}
+
+TEST(FusedSteps, OneNumberForEachRowOfAProductWithAVector) {
+  const Shape shape = {2, 4, 5};
+  for (const std::string key : {"add", "sub", "mul", "maximum"}) {
+    SCOPED_TRACE(key);
+    Random random(1);
+    ProgramBuilder builder;
+    const ValueId x = builder.Input("x", shape);
+    const ValueId vector = builder.Constant(random.Floats({5}));
+    const ValueId product = builder.Call("matmul", {{"x", {x}}, {"y", {vector}}});
+    builder.Output(builder.Call(key, {{"x", {product}}, {"y", {builder.Constant(random.Floats({4}))}}}));
+    Program program = program::Specialize(builder.program, {shape});
+    program::Rewrite(program);
+    EXPECT_EQ(program.operations.size(), 1U);
+    ExpectSame(program, random.Floats(shape), {1e-5, 1e-5});
+  }
+}
+
+TEST(FusedSteps, BoundsThatTheLibraryRefuses) {
+  const Shape shape = {1, 16, 6, 7};
+  const float none = std::numeric_limits<float>::quiet_NaN();
+  for (const auto& [low, high] : {std::pair(5.0F, 2.0F), std::pair(none, 2.0F), std::pair(-2.0F, none)}) {
+    SCOPED_TRACE(std::to_string(low) + " to " + std::to_string(high));
+    Random random(1);
+    ProgramBuilder builder;
+    const ValueId x = builder.Input("x", shape);
+    const ValueId weight = builder.Constant(random.Floats({16, 16, 3, 3}));
+    const ValueId y = builder.Call("conv", {{"x", {x}}, {"weight", {weight}}});
+    const ValueId alpha = builder.Constant(Tensor::Float(low));
+    const ValueId beta = builder.Constant(Tensor::Float(high));
+    builder.Output(builder.Call("clip", {{"x", {y}}, {"alpha", {alpha}}, {"beta", {beta}}}));
+    Program program = program::Specialize(builder.program, {shape});
+    program::Rewrite(program);
+    ExpectSame(program, random.Floats(shape), {5e-5, 5e-5});
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, RandomGraphs, ::testing::Range(1U, 97U));

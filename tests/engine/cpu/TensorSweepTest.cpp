@@ -1,11 +1,13 @@
 // Operations on whole tensors (moves, resampling, pools, reductions, norms, products) compiled in every layout against
 // their reference evaluation.
 
+#include "engine/program/Specialize.h"
 #include "tests/engine/cpu/CpuTesting.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <numeric>
 #include <utility>
@@ -149,6 +151,24 @@ TEST(TensorSweep, ConcatOfScalars) {
   ExpectSame(c);
 }
 
+TEST(TensorSweep, ConcatWithConstantsOfNoElements) {
+  const Shape shape = {1, 16, 3, 4};
+  Shape none = shape;
+  none[2] = 0;
+  program::ProgramBuilder builder;
+  const program::ValueId x = builder.Input("x", shape);
+  const program::ValueId empty = builder.Constant(Tensor::Floats(none, {}));
+  const program::ValueId axis = builder.Constant(Tensor::Int(-2));
+  const program::ValueId interleave = builder.Constant(Tensor::Bool(false));
+  builder.Output(builder.Call(
+      "concat", {{"values", {empty, x, empty, x, empty}}, {"axis", {axis}}, {"interleave", {interleave}}}));
+  Random random(1);
+  const Tensor input = random.Floats(shape);
+  const program::Program program = program::Specialize(builder.program, {shape});
+  ExpectSame(program, input);
+  EXPECT_EQ(DeclinedIn(program), std::vector<std::string>{});
+}
+
 TEST(TensorSweep, Splits) {
   ForSeeds([](Random& random) {
     Shape shape = RandomImage(random);
@@ -182,6 +202,16 @@ TEST(TensorSweep, Upsampling) {
     linear.constants.emplace("align_corners", Tensor::Bool(random.Coin()));
     ExpectSame(linear, {1e-5, 1e-5});
   });
+}
+
+TEST(TensorSweep, SamplesDoNotTakeInfinitiesBesideThem) {
+  const float infinity = std::numeric_limits<float>::infinity();
+  OpCase c{"resize_bilinear", {}, {{"sampling_mode", Tensor::Text("STRICT_ALIGN_CORNERS")}}};
+  c.constants.emplace("target_size_height", Tensor::Int(2));
+  c.constants.emplace("target_size_width", Tensor::Int(5));
+  // The second sample of a row of the source is the third of the result; each row is one of the result.
+  c.running["x"] = {Tensor::Floats({1, 1, 2, 3}, {1.0F, 2.0F, infinity, 4.0F, 5.0F, infinity})};
+  ExpectSame(c);
 }
 
 TEST(TensorSweep, Resizing) {

@@ -2,6 +2,7 @@
 
 #include "engine/cpu/kernels/Parallel.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <utility>
 
@@ -31,6 +32,11 @@ void ResampleAxis::Rows(const float* source, float* destination, std::int64_t be
     const float* b = plane + tap.upper * inner_;
     float* to = destination + row * inner_;
     const float weight = tap.weight;
+    // Where the sample is one of the source's, infinity or NaN beside it must not leak into it.
+    if (weight == 0.0F) {
+      std::copy_n(a, inner_, to);
+      continue;
+    }
 #pragma omp simd
     for (std::int64_t i = 0; i < inner_; ++i) to[i] = a[i] + (b[i] - a[i]) * weight;
   }
@@ -42,8 +48,9 @@ void ResampleAxis::Lines(const float* source, float* destination, std::int64_t b
     const float* from = source + line * inputs_;
     float* to = destination + line * outputs;
     for (std::size_t i = 0; i < taps_.size(); ++i) {
-      const float a = from[taps_[i].lower];
-      to[i] = a + (from[taps_[i].upper] - a) * taps_[i].weight;
+      const ResampleTap& tap = taps_[i];
+      const float a = from[tap.lower];
+      to[i] = tap.weight == 0.0F ? a : a + (from[tap.upper] - a) * tap.weight;
     }
   }
 }

@@ -15,7 +15,7 @@ std::vector<Form> LowerMap(const LowerCall& call) {
 }
 
 double Sign(double x) {
-  return static_cast<double>(x > 0.0) - static_cast<double>(x < 0.0);
+  return std::isnan(x) ? x : static_cast<double>(x > 0.0) - static_cast<double>(x < 0.0);
 }
 
 /// Functions of x + epsilon. In double, an epsilon that is subnormal as a float is not flushed to zero.

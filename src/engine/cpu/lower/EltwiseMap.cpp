@@ -24,6 +24,14 @@ Functions Gelu(const program::OpCall& call) {
   return {{algorithm::eltwise_gelu_erf}};
 }
 
+/// The library refuses bounds that cross, of which the upper one wins.
+Functions Clip(const program::OpCall& call) {
+  const float low = call.Float("alpha");
+  const float high = call.Float("beta");
+  if (low <= high) return {{algorithm::eltwise_clip, low, high}};
+  return {{algorithm::eltwise_clip, low, kInfinity}, {algorithm::eltwise_clip, -kInfinity, high}};
+}
+
 Functions ClampedRelu(const program::OpCall& call) {
   return {{algorithm::eltwise_relu, call.Float("alpha")}, {algorithm::eltwise_clip, -kInfinity, call.Float("beta")}};
 }
@@ -61,7 +69,7 @@ const std::map<std::string_view, Map>& Table() {
   static const std::map<std::string_view, Map> table = {
       {"abs", Plain<algorithm::eltwise_abs>},
       {"clamped_relu", ClampedRelu},
-      {"clip", WithAlphaBeta<algorithm::eltwise_clip>},
+      {"clip", Clip},
       {"elu", WithAlpha<algorithm::eltwise_elu>},
       {"exp", Plain<algorithm::eltwise_exp>},
       {"gelu", Gelu},

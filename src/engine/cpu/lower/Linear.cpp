@@ -104,7 +104,9 @@ std::vector<Form> LowerMatmul(const LowerCall& call) {
   Shape whole = dims.batch;
   whole.insert(whole.end(), {dims.rows, dims.columns});
   const std::size_t resultRank = call.ShapeOf(call.result()).size();
-  task.target = {whole, Layout::Plain, whole.size() - 1, resultRank > 0 ? resultRank - 1 : 0};
+  // The result's last dimension are the columns or, of a product with a vector, the rows.
+  const std::size_t lastKept = whole.size() - (call.call.ShapeOf("y").size() == 1 ? 2 : 1);
+  task.target = {whole, Layout::Plain, lastKept, resultRank > 0 ? resultRank - 1 : 0};
   const double operations = 2.0 * static_cast<double>(ElementCount(dims.batch)) * static_cast<double>(dims.rows) *
                             static_cast<double>(dims.inner) * static_cast<double>(dims.columns);
   return ProductForms(call, "x", "y", task, operations);

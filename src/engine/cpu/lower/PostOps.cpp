@@ -42,8 +42,12 @@ class Builder {
       return other.algorithm == function.algorithm && (other.alpha != function.alpha || other.beta != function.beta);
     };
     if (std::ranges::any_of(functions_, clashes)) return false;
+    try {
+      onednn::AppendEltwise(list_, function);
+    } catch (const dnnl::error&) {
+      return false;  // parameters that the library does not take, such as NaN for a bound
+    }
     functions_.push_back(function);
-    onednn::AppendEltwise(list_, function);
     return true;
   }
 

@@ -94,6 +94,7 @@ std::vector<Form> LowerConcat(const LowerCall& call) {
   for (std::int64_t i = 0; i < count; ++i) {
     const program::ValueId value = call.Operand("values", static_cast<std::size_t>(i));
     const Shape shape = program::PartShape(call.call, static_cast<std::size_t>(i));
+    if (ElementCount(shape) == 0) continue;  // a constant: nothing of it lies anywhere in the result
     parts.push_back({value, shape, interleave ? i : first, interleave ? count : 1});
     first += shape[axis];
   }
