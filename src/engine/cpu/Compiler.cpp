@@ -5,6 +5,8 @@
 #include "engine/cpu/LayoutPlan.h"
 #include "engine/cpu/Lowering.h"
 #include "engine/cpu/MemoryPlan.h"
+#include "engine/cpu/PixelRegions.h"
+#include "engine/cpu/lower/PixelRegion.h"
 #include "engine/cpu/lower/Reference.h"
 
 #include <algorithm>
@@ -79,8 +81,12 @@ class Lifetimes {
 };
 
 std::vector<Form> FormsOf(const program::Program& program, const program::Operation& operation,
-                          const ExecutableOptions& options, const std::vector<program::ValueId>& diesHere) {
+                          const ExecutableOptions& options, const PixelRegions& regions,
+                          const std::vector<program::ValueId>& diesHere) {
   return ForOperation(operation, [&] {
+    if (operation.definition == &PixelRegionDefinition()) {
+      return PixelRegionForms(program, operation, regions.at(operation.results.front()));
+    }
     const program::OpCall call(program, operation);
     const LowerCall lowerCall{program, operation, call, options, diesHere};
     const Lower lower = FindLowering(operation.definition->key);
@@ -149,6 +155,7 @@ class Compilation {
   std::unique_ptr<Compiled> Run() {
     compiled_->inputShape = InterfaceShape(program_, program_.inputs, "input");
     compiled_->outputShape = InterfaceShape(program_, program_.outputs, "output");
+    regions_ = FormPixelRegions(program_, options_);
     ChooseAllForms();
     Emit();
     return std::move(compiled_);
@@ -160,7 +167,7 @@ class Compilation {
     std::vector<std::vector<Form>> forms;
     Lifetimes lifetimes(program_);
     for (const program::Operation& operation : program_.operations) {
-      forms.push_back(FormsOf(program_, operation, options_, lifetimes.DyingAt(operation)));
+      forms.push_back(FormsOf(program_, operation, options_, regions_, lifetimes.DyingAt(operation)));
       PlannedOperation planned{{}, operation.results};
       for (const Form& form : forms.back()) planned.forms.push_back(form.plan);
       problem.operations.push_back(std::move(planned));
@@ -196,7 +203,7 @@ class Compilation {
   }
 
   Form FormWithResult(const program::Operation& operation, Layout layout) {
-    std::vector<Form> forms = FormsOf(program_, operation, options_, {});
+    std::vector<Form> forms = FormsOf(program_, operation, options_, regions_, {});
     for (Form& form : forms) {
       if (form.plan.result == layout) return std::move(form);
     }
@@ -259,6 +266,7 @@ class Compilation {
 
   program::Program program_;
   ExecutableOptions options_;
+  PixelRegions regions_;
   std::unique_ptr<Compiled> compiled_;
   std::vector<Form> chosen_;
 };

@@ -20,6 +20,7 @@ struct ExecutableOptions {
   /// Bytes of transformed weights that Winograd convolutions keep. Those beyond are transformed anew by each run, which
   /// takes less than a tenth of the convolution itself.
   std::int64_t keptWinogradBytes = std::int64_t{48} << 20;
+  bool pixelRegions = true;  ///< chains of operations on single pixels at a go instead of one after another
   LayoutPreference layout = LayoutPreference::Cheapest;
 };
 

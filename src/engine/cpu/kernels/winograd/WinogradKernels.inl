@@ -2,10 +2,8 @@
 // and kColumns before. Everything here has internal linkage and calls no inline function of any library: the linker
 // must never pick an instance for another instruction set.
 
-typedef float Lanes __attribute__((vector_size(4 * kLanes)));
-typedef float UnalignedLanes __attribute__((vector_size(4 * kLanes), aligned(4), may_alias));
-
-#define LUMVANE_INLINE inline __attribute__((always_inline))
+#include "engine/cpu/kernels/Lanes.inl"
+#include "engine/cpu/kernels/MatrixKernel.inl"
 
 // The polynomials are evaluated at 0, +-A, +-B and infinity. These lose half as many digits as the textbook's 1 and 2.
 constexpr float kA = 0.625F;
@@ -16,14 +14,6 @@ constexpr float kB2 = kB * kB;
 constexpr std::int64_t kPatch = kWinogradPatch;
 constexpr std::int64_t kTile = kWinogradTile;
 constexpr std::int64_t kProducts = kWinogradProducts;
-
-LUMVANE_INLINE Lanes Load(const float* from) {
-  return *reinterpret_cast<const UnalignedLanes*>(from);
-}
-
-LUMVANE_INLINE void Store(float* to, Lanes value) {
-  *reinterpret_cast<UnalignedLanes*>(to) = value;
-}
 
 /// 6 source values to 6 factors; elements `step` apart.
 template <int Step>
@@ -106,54 +96,6 @@ void TransformTiles(const WinogradTask& task, std::int64_t first, std::int64_t c
     }
   }
 }
-
-/// Products of kRows tiles with `Columns` blocks of results: sums over all inputs stay in registers.
-template <int Columns>
-struct Multiply {
-  Lanes sums[kRows][Columns];
-
-  template <int Row>
-  LUMVANE_INLINE void AddRow(const float* factors, const Lanes* weights) {
-    if constexpr (Row < kRows) {
-      const Lanes factor = Lanes{} + factors[Row * kLanes];
-      sums[Row][0] += factor * weights[0];
-      if constexpr (Columns > 1) sums[Row][1] += factor * weights[1];
-      AddRow<Row + 1>(factors, weights);
-    }
-  }
-
-  template <int Row>
-  LUMVANE_INLINE void Clear() {
-    if constexpr (Row < kRows) {
-      for (int c = 0; c < Columns; ++c) sums[Row][c] = Lanes{};
-      Clear<Row + 1>();
-    }
-  }
-
-  template <int Row>
-  LUMVANE_INLINE void Write(float* products, std::int64_t blockStep) const {
-    if constexpr (Row < kRows) {
-      for (int c = 0; c < Columns; ++c) Store(products + c * blockStep + Row * kLanes, sums[Row][c]);
-      Write<Row + 1>(products, blockStep);
-    }
-  }
-
-  static void Run(const float* factors, const float* weights, std::int64_t blocks, std::int64_t blockStep,
-                  float* products) {
-    Multiply m;
-    m.template Clear<0>();
-    for (std::int64_t block = 0; block < blocks; ++block) {
-      for (int lane = 0; lane < kLanes; ++lane) {
-        Lanes column[Columns];
-        for (int c = 0; c < Columns; ++c) column[c] = Load(weights + c * kLanes);
-        m.template AddRow<0>(factors + lane, column);
-        weights += Columns * kLanes;
-      }
-      factors += blockStep;
-    }
-    m.template Write<0>(products, blockStep);
-  }
-};
 
 /// The 36 matrix products of a run: [36] planes of [outputs / lanes][capacity][lanes].
 void MultiplyTiles(const WinogradTask& task, std::int64_t count, std::int64_t capacity, const float* factors,
