@@ -6,6 +6,8 @@
 Needs torch, coremltools, onnx, onnxscript and onnxruntime from PyPI. Every network gets random weights; the same weights
 go into a Core ML package and into an ONNX file. Each engine is a process of its own, so that its peak of memory is its
 own, too; what it needs before it has seen the network is taken off.
+
+On a machine that others use, too, --processor-time with one thread tells what the tile costs while it computes.
 """
 
 import argparse
@@ -88,10 +90,22 @@ def matrix_peak(threads):
     return 2048**3 / best
 
 
+def copied_bytes():
+    """Bytes a second, read and written, of a plain copy that no cache holds, the best of a few."""
+    import torch
+
+    a = torch.rand(64 << 20)
+    b = torch.empty_like(a)
+    return 2 * a.nbytes / min(timed(lambda: b.copy_(a)) for _ in range(5))
+
+
+clock = time.perf_counter
+
+
 def timed(work):
-    start = time.perf_counter()
+    start = clock()
     work()
-    return time.perf_counter() - start
+    return clock() - start
 
 
 # ---- the other engines, each in a process of its own
@@ -176,9 +190,11 @@ class Engine:
 
 def compare(name, folder, options):
     work = export(name, folder)
-    serve_with = [sys.executable, __file__, "--threads", str(options.threads), "--serve"]
+    serve_with = [sys.executable, __file__, "--threads", str(options.threads)]
+    serve_with += ["--processor-time", "--serve"] if options.processor_time else ["--serve"]
+    clock_name = "processor" if options.processor_time else "wall"
     commands = {
-        "engine": [options.engine, str(folder / f"{name}.mlpackage"), str(SIZE)],
+        "engine": [options.engine, str(folder / f"{name}.mlpackage"), str(SIZE), clock_name],
         "onnxruntime": [*serve_with, "onnxruntime", str(folder / f"{name}.onnx")],
         "pytorch": [*serve_with, "pytorch", str(folder / f"{name}.pt")],
     }
@@ -190,7 +206,7 @@ def compare(name, folder, options):
             engine.run()
     peak = max(peaks)
     print(f"\n{name}: {work / 1e9:.2f} G multiply-adds at {SIZE} x {SIZE}, {options.threads} threads; "
-          f"matrix products reach {peak / 1e9:.0f} G a second")
+          f"matrix products reach {peak / 1e9:.0f} G a second, copies {copied_bytes() / 1e9:.1f} GB a second")
     print(f"{'':12} {'best ms':>9} {'median':>9} {'of peak':>8} {'memory MB':>10} {'opening ms':>11} {'first tile':>11}")
     best = {}
     for kind, engine in engines.items():
@@ -211,7 +227,13 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--keep", type=Path, help="folder that keeps the exported networks")
     parser.add_argument("--serve", nargs=2, help=argparse.SUPPRESS)
+    parser.add_argument("--processor-time", action="store_true", help="instead of wall time; needs --threads 1")
     options = parser.parse_args()
+    if options.processor_time:
+        if options.threads != 1:
+            parser.error("--processor-time needs --threads 1")
+        global clock
+        clock = time.process_time
     if options.serve:
         serve(*options.serve, options.threads)
         return
