@@ -28,10 +28,12 @@ def networks():
     """name: a function that makes the module."""
     from architectures.gated import NAFNet
     from architectures.plain import DRUNet, RCAN
+    from lumvane_training import config
     from lumvane_training.network import Denoiser
 
+    shipped = config.load(ROOT / "training/configs/v2.toml")
     return {
-        "ours": lambda: Denoiser((32, 64, 128), 1),
+        "ours": lambda: Denoiser(shipped.widths, shipped.blocks),
         "drunet": lambda: DRUNet((64, 128, 256, 512), 4),
         "nafnet": lambda: NAFNet(32, 4),
         "rcan": lambda: RCAN(64, 2, 4),
