@@ -4,6 +4,7 @@
 #include "engine/Model.h"
 #include "engine/WeightForms.h"
 #include "engine/package/Bundle.h"
+#include "engine/package/LayerStorage.h"
 #include "engine/package/ReadModel.h"
 
 #include <utility>
@@ -58,7 +59,7 @@ Inspection Inspect(const std::filesystem::path& path) {
   if (source.network) {
     for (const package::SourceLayer& layer : source.network->layers) ++result.operations[layer.kind];
   }
-  result.weights = WeightFormsOf(source.program);
+  result.weights = source.network ? WeightFormsOf(package::ReadLayerStorage(path)) : WeightFormsOf(source.program);
   result.inputs = std::move(source.inputs);
   result.outputs = std::move(source.outputs);
   result.metadata = std::move(source.metadata);

@@ -3,6 +3,7 @@
 #include "engine/package/ElementDecoding.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -46,6 +47,13 @@ bool IsWeight(const Tensor& tensor) {
   return tensor.storage() == Storage::Float || tensor.count() >= kShortList;
 }
 
+std::vector<WeightForm> MostBytesFirst(std::map<std::string, WeightForm> forms) {
+  std::vector<WeightForm> sorted;
+  for (auto& [name, form] : forms) sorted.push_back(std::move(form));
+  std::ranges::stable_sort(sorted, std::ranges::greater(), &WeightForm::bytes);
+  return sorted;
+}
+
 class Summary {
  public:
   explicit Summary(const SourceProgram& program) {
@@ -70,10 +78,7 @@ class Summary {
       form.elements += weight.elements;
       for (const Tensor& part : weight.parts) form.bytes += BytesOnce(part);
     }
-    std::vector<WeightForm> sorted;
-    for (auto& [name, form] : forms) sorted.push_back(std::move(form));
-    std::ranges::stable_sort(sorted, std::ranges::greater(), &WeightForm::bytes);
-    return sorted;
+    return MostBytesFirst(std::move(forms));
   }
 
  private:
@@ -159,6 +164,18 @@ class Summary {
 
 std::vector<WeightForm> WeightFormsOf(const SourceProgram& program) {
   return Summary(program).Run();
+}
+
+std::vector<WeightForm> WeightFormsOf(const std::vector<package::StoredWeights>& weights) {
+  std::map<std::string, WeightForm> forms;
+  for (const package::StoredWeights& each : weights) {
+    WeightForm& form = forms[each.form];
+    form.form = each.form;
+    ++form.tensors;
+    form.elements += each.elements;
+    form.bytes += each.bytes;
+  }
+  return MostBytesFirst(std::move(forms));
 }
 
 }  // namespace ulmora::engine

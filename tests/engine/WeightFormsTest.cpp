@@ -97,11 +97,19 @@ TEST(WeightForms, JointFormsAreOneWeight) {
   ExpectForm(forms[0], {"sparse, palettized (uint4)", 1, 80, 10 + 20 + 32});
 }
 
+TEST(WeightForms, OfLayers) {
+  const std::vector<WeightForm> forms = WeightFormsOf(
+      std::vector<package::StoredWeights>{{"float32", 72, 288}, {"quantized (uint4)", 1000, 508}, {"float32", 8, 32}});
+  ASSERT_EQ(forms.size(), 2U);
+  ExpectForm(forms[0], {"quantized (uint4)", 1, 1000, 508});
+  ExpectForm(forms[1], {"float32", 2, 80, 320});
+}
+
 TEST(WeightForms, InlineConstantsOfOtherOperations) {
   SourceProgram program;
   program.operations = {{"conv", "c", {{"weight", {Halves({4, 4})}}, {"x", {"x"}}}, {}, {Result("y", {4})}, false}};
   ExpectForm(WeightFormsOf(program).at(0), {"float16", 1, 16, 32});
-  EXPECT_TRUE(WeightFormsOf({}).empty());
+  EXPECT_TRUE(WeightFormsOf(SourceProgram{}).empty());
 }
 
 }  // namespace

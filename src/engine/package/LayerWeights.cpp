@@ -4,7 +4,11 @@
 #include "engine/package/ElementDecoding.h"
 #include "schema/LayerWeights.pb.h"
 
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -166,6 +170,30 @@ std::vector<float> Decoded(const Weights& weights, std::size_t count, const Chan
 }
 
 }  // namespace
+
+bool IsUsed(const google::protobuf::Message& message, const google::protobuf::FieldDescriptor& field) {
+  const auto* hasBias = message.GetDescriptor()->FindFieldByName("hasBias");
+  return field.name() != "bias" || hasBias == nullptr || message.GetReflection()->GetBool(message, hasBias);
+}
+
+StoredWeights StorageOf(const Weights& weights, const WeightLayout& layout) {
+  RequireOnePayload(weights);
+  StoredWeights stored;
+  stored.elements = ElementCount(CheckedShape(weights, layout));
+  stored.bytes = static_cast<std::int64_t>(StoredBytes(weights));
+  if (weights.floatvalue_size() > 0 || !weights.float16value().empty()) {
+    stored.form = weights.floatvalue_size() > 0 ? "float32" : "float16";
+    return stored;
+  }
+  const Quantization& quantization = weights.quantization();
+  const auto& linear = quantization.linearquantization();
+  const auto& table = quantization.lookuptablequantization();
+  stored.bytes +=
+      (linear.scale_size() + linear.bias_size() + table.floatvalue_size()) * static_cast<std::int64_t>(sizeof(float));
+  stored.form = std::string(quantization.has_lookuptablequantization() ? "palettized (" : "quantized (") +
+                (weights.int8rawvalue().empty() ? "uint" : "int") + std::to_string(BitsOf(weights)) + ")";
+  return stored;
+}
 
 bool HasPayload(const Weights& weights) {
   return StoredBytes(weights) > 0;

@@ -3,11 +3,17 @@
 
 #include "engine/Limits.h"
 #include "engine/Tensor.h"
+#include "engine/package/LayerStorage.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+
+namespace google::protobuf {
+class FieldDescriptor;
+class Message;
+}  // namespace google::protobuf
 
 namespace ulmora::coreml::layers {
 class Layer;
@@ -30,6 +36,12 @@ struct WeightLayout {
 
 /// True if there are weights at all; an empty message stands for none.
 [[nodiscard]] bool HasPayload(const coreml::layers::Weights& weights);
+
+/// True if the layer says that it has these weights: a bias that it says it does not have may be anything.
+[[nodiscard]] bool IsUsed(const google::protobuf::Message& message, const google::protobuf::FieldDescriptor& field);
+
+/// How weights are stored. Throws Error(Open) as LayerWeightReader does for what does not fit the layout.
+[[nodiscard]] StoredWeights StorageOf(const coreml::layers::Weights& weights, const WeightLayout& layout);
 
 /// Decodes weights, in whichever of their forms, and keeps account of them.
 ///   float32      as they are

@@ -84,12 +84,6 @@ class FieldReader {
     }
   }
 
-  /// A bias that the layer says it does not have may be anything.
-  static bool IsUsed(const Message& message, const FieldDescriptor& field) {
-    const FieldDescriptor* hasBias = message.GetDescriptor()->FindFieldByName("hasBias");
-    return field.name() != "bias" || hasBias == nullptr || message.GetReflection()->GetBool(message, hasBias);
-  }
-
   /// [axes, 2]: before and after.
   static Tensor Borders(const BorderAmounts& borders) {
     CheckCount(borders.borderamounts_size(), limits::kMaxRank, "borders");

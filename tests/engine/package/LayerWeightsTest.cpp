@@ -116,6 +116,33 @@ TEST(LayerWeights, BoundIsCheckedBeforeMemoryIsTaken) {
   });
 }
 
+void ExpectStorage(const Weights& weights, const Shape& shape, const StoredWeights& expected) {
+  const StoredWeights found = StorageOf(weights, {shape, 0});
+  EXPECT_EQ(found.form, expected.form);
+  EXPECT_EQ(found.elements, expected.elements) << found.form;
+  EXPECT_EQ(found.bytes, expected.bytes) << found.form;
+}
+
+TEST(LayerWeights, StorageOfEachForm) {
+  Weights full;
+  for (const float value : {1.0F, 2.0F, 3.0F}) full.add_floatvalue(value);
+  ExpectStorage(full, {3}, {"float32", 3, 12});
+  Weights half;
+  half.set_float16value("xxyy");
+  ExpectStorage(half, {2, 1}, {"float16", 2, 4});
+  ExpectStorage(Linear(3, "xx", {1.0F, 2.0F}, {0.5F}), {2, 2}, {"quantized (uint3)", 4, 2 + 3 * 4});
+  Weights table;
+  table.set_rawvalue("x");
+  table.mutable_quantization()->set_numberofbits(2);
+  for (int i = 0; i < 4; ++i) table.mutable_quantization()->mutable_lookuptablequantization()->add_floatvalue(1.0F);
+  ExpectStorage(table, {3}, {"palettized (uint2)", 3, 1 + 4 * 4});
+  Weights bytes;
+  bytes.set_int8rawvalue("xy");
+  bytes.mutable_quantization()->mutable_linearquantization()->add_scale(0.5F);
+  ExpectStorage(bytes, {2}, {"quantized (int8)", 2, 2 + 4});
+  ExpectError(Stage::Open, {"hold 4 bytes, expected 6"}, [&] { static_cast<void>(StorageOf(half, {Shape{3}, 0})); });
+}
+
 TEST(LayerWeights, EmptyMessagesHoldNothing) {
   EXPECT_FALSE(HasPayload({}));
   EXPECT_TRUE(HasPayload(Linear(8, "x", {1.0F}, {})));
