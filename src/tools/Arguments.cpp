@@ -64,6 +64,8 @@ class Parser {
       result_.version = true;
     } else if (word == "--time") {
       result_.time = true;
+    } else if (word == "--json") {
+      result_.json = true;
     } else if (word == "--shape") {
       result_.shape = ParseShape(TakeFor(word));
     } else if (word == "--check") {
@@ -107,15 +109,16 @@ class Parser {
 
 const char* const kUsage = R"(Shows what is in a Core ML model, and what the portable engine makes of it.
 
-  lumvane-model MODEL [--time] [--shape N,C,H,W]
-  lumvane-model MODEL --check INPUT OUTPUT [--tolerance SHARE] [--shape N,C,H,W]
+  lumvane-model MODEL [--time] [--shape N,C,H,W] [--json]
+  lumvane-model MODEL --check INPUT OUTPUT [--tolerance SHARE] [--shape N,C,H,W] [--json]
 
-  MODEL              package (.mlpackage) or compiled model (.mlmodelc)
+  MODEL              package (.mlpackage), compiled model (.mlmodelc) or single file (.mlmodel)
   --time             also run it and show how long each layer takes
   --shape N,C,H,W    shape of the input; 512 by 512 if the network takes it, else the shape that it declares
   --check IN OUT     run it on the float32 values of file IN and compare with those of file OUT (little endian,
                      row-major); the shape is the declared one or a square, unless --shape says otherwise
   --tolerance SHARE  largest difference that --check lets pass, as a share of the range of OUT (default 1e-4)
+  --json             the same as one JSON document
   --help, --version
 
 Exit status: 0 if all is well, 1 if a check was missed, 2 if the command line is wrong or the model cannot be read,

@@ -25,6 +25,7 @@ struct Arguments {
   bool help = false;
   bool version = false;
   bool time = false;
+  bool json = false;
   std::string model;
   std::optional<engine::Shape> shape;
   std::optional<CheckArguments> check;

@@ -76,7 +76,7 @@ std::vector<float> ReadFloats(const std::string& file) {
   return values;
 }
 
-bool WriteCheck(std::ostream& stream, engine::Model& model, const Arguments& arguments) {
+CheckResult RunCheck(engine::Model& model, const Arguments& arguments) {
   const std::vector<float> input = ReadFloats(arguments.check->input);
   const std::vector<float> recorded = ReadFloats(arguments.check->output);
   const engine::Shape shape = ShapeForCount(model, arguments.shape, std::ssize(input));
@@ -88,13 +88,16 @@ bool WriteCheck(std::ostream& stream, engine::Model& model, const Arguments& arg
                              std::to_string(recorded.size()) + " values");
   }
   const Difference difference = Compare(output.data, recorded);
-  const bool passes = difference.Share() <= arguments.tolerance;
-  stream << "Input: " << engine::ToString(shape) << '\n'
-         << "Output: " << engine::ToString(output.shape) << ", recorded range " << Short(difference.range) << '\n'
+  return {shape, output.shape, difference, arguments.tolerance, difference.Share() <= arguments.tolerance};
+}
+
+void WriteCheck(std::ostream& stream, const CheckResult& result) {
+  const Difference& difference = result.difference;
+  stream << "Input: " << engine::ToString(result.inputShape) << '\n'
+         << "Output: " << engine::ToString(result.outputShape) << ", recorded range " << Short(difference.range) << '\n'
          << "Largest difference: " << Short(difference.largest) << " at element " << difference.index << ", "
          << Short(difference.Share()) << " of the range\n"
-         << (passes ? "Passed" : "Missed") << ": tolerance " << Short(arguments.tolerance) << '\n';
-  return passes;
+         << (result.passes ? "Passed" : "Missed") << ": tolerance " << Short(result.tolerance) << '\n';
 }
 
 }  // namespace ulmora::tools

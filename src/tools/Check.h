@@ -29,8 +29,18 @@ struct Difference {
 /// empty or holds a part of a value.
 [[nodiscard]] std::vector<float> ReadFloats(const std::string& file);
 
-/// Runs the model on the recorded input, writes the difference, and returns whether it is within the tolerance. Throws
-/// engine::Error and std::runtime_error.
-[[nodiscard]] bool WriteCheck(std::ostream& stream, engine::Model& model, const Arguments& arguments);
+/// What a check found.
+struct CheckResult {
+  engine::Shape inputShape;
+  engine::Shape outputShape;
+  Difference difference;
+  double tolerance = 0;  ///< as a share of the range
+  bool passes = false;
+};
+
+/// Runs the model on the recorded input. Throws engine::Error and std::runtime_error.
+[[nodiscard]] CheckResult RunCheck(engine::Model& model, const Arguments& arguments);
+
+void WriteCheck(std::ostream& stream, const CheckResult& result);
 
 }  // namespace ulmora::tools

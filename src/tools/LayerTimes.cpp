@@ -76,18 +76,21 @@ std::vector<LayerTime> ByKind(const std::vector<StepTime>& steps) {
   return sums;
 }
 
-void WriteLayerTimes(std::ostream& stream, engine::Model& model, const engine::Shape& shape) {
+RunTimes MeasureTimes(engine::Model& model, const engine::Shape& shape) {
   const auto start = std::chrono::steady_clock::now();
   Fill(model.BindInput(shape));
   static_cast<void>(model.Run());
   const std::chrono::duration<double, std::milli> first = std::chrono::steady_clock::now() - start;
-  stream << "Preparation and first run: " << Fixed(first.count(), 1) << " ms for an input of "
-         << engine::ToString(shape) << '\n';
   std::vector<std::vector<StepTime>> runs;
   for (int run = 0; run < kRuns; ++run) runs.push_back(model.TimeSteps());
-  const std::vector<StepTime> steps = MedianTimes(runs);
-  WriteTimes(stream, "Time by layer", ByLayer(steps));
-  WriteTimes(stream, "Time by kind", ByKind(steps));
+  return {shape, first.count(), MedianTimes(runs)};
+}
+
+void WriteLayerTimes(std::ostream& stream, const RunTimes& times) {
+  stream << "Preparation and first run: " << Fixed(times.firstRunMilliseconds, 1) << " ms for an input of "
+         << engine::ToString(times.shape) << '\n';
+  WriteTimes(stream, "Time by layer", ByLayer(times.steps));
+  WriteTimes(stream, "Time by kind", ByKind(times.steps));
 }
 
 }  // namespace ulmora::tools

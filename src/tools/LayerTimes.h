@@ -25,8 +25,17 @@ struct LayerTime {
 /// The steps by kind of operation, most time first.
 [[nodiscard]] std::vector<LayerTime> ByKind(const std::vector<engine::StepTime>& steps);
 
-/// Runs the network several times on an input of this shape, filled with a ramp, and writes both tables. Throws
-/// engine::Error(Run).
-void WriteLayerTimes(std::ostream& stream, engine::Model& model, const engine::Shape& shape);
+/// What runs of a network took.
+struct RunTimes {
+  engine::Shape shape;                  ///< of the input
+  double firstRunMilliseconds = 0;      ///< preparation included
+  std::vector<engine::StepTime> steps;  ///< of later runs, the median of each
+};
+
+/// Runs the network several times on an input of this shape, filled with a ramp. Throws engine::Error(Run).
+[[nodiscard]] RunTimes MeasureTimes(engine::Model& model, const engine::Shape& shape);
+
+/// Writes the times by layer and by kind.
+void WriteLayerTimes(std::ostream& stream, const RunTimes& times);
 
 }  // namespace ulmora::tools

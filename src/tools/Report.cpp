@@ -84,11 +84,10 @@ void WriteReport(std::ostream& stream, const std::string& path, const engine::In
   stream << "Portable engine: " << (runs ? "runs it" : "does not run it: " + Printable(model.refusal)) << '\n';
 }
 
-void WriteCost(std::ostream& stream, const engine::Model& model, const engine::Shape& shape) {
+void WriteCost(std::ostream& stream, const Cost& cost) {
   constexpr double kGiga = 1e9;
-  const auto count = model.MultiplyAdds(shape);
-  stream << "Multiply-adds: " << Fixed(static_cast<double>(count) / kGiga, 3) << " G for an input of "
-         << engine::ToString(shape) << '\n';
+  stream << "Multiply-adds: " << Fixed(static_cast<double>(cost.multiplyAdds) / kGiga, 3) << " G for an input of "
+         << engine::ToString(cost.shape) << '\n';
 }
 
 }  // namespace ulmora::tools

@@ -44,6 +44,8 @@ def test_the_installed_program_finds_its_packages(prefix, tmp_path, version):
         "share/doc/lumvane/README.md",
         "share/doc/lumvane/LICENSE",
         "share/doc/lumvane/machine-interface.md",
+        "share/doc/lumvane/schemas/model-check.schema.json",
+        "share/doc/lumvane/schemas/model-report.schema.json",
         "share/doc/lumvane/schemas/progress.schema.json",
     ],
 )

@@ -24,6 +24,7 @@ TEST(Arguments, AModelAlone) {
   const Arguments arguments = Parse({"a.mlpackage"});
   EXPECT_EQ(arguments.model, "a.mlpackage");
   EXPECT_FALSE(arguments.time);
+  EXPECT_FALSE(arguments.json);
   EXPECT_FALSE(arguments.check);
   EXPECT_FALSE(arguments.shape);
   EXPECT_EQ(arguments.tolerance, 1e-4);
@@ -31,8 +32,9 @@ TEST(Arguments, AModelAlone) {
 
 TEST(Arguments, EverythingInAnyOrder) {
   const Arguments arguments =
-      Parse({"--time", "--shape", "1,3,8x16", "a", "--tolerance", "2e-3", "--check", "in.f32", "out.f32"});
+      Parse({"--time", "--json", "--shape", "1,3,8x16", "a", "--tolerance", "2e-3", "--check", "in.f32", "out.f32"});
   EXPECT_TRUE(arguments.time);
+  EXPECT_TRUE(arguments.json);
   EXPECT_EQ(arguments.shape, (engine::Shape{1, 3, 8, 16}));
   EXPECT_EQ(arguments.check.value().input, "in.f32");
   EXPECT_EQ(arguments.check.value().output, "out.f32");

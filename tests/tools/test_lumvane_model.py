@@ -1,11 +1,13 @@
 """lumvane-model as its users see it: what it shows, what it checks, and how it ends."""
 
+import json
 import os
 import re
 import shutil
 import subprocess
 from pathlib import Path
 
+import jsonschema
 import numpy as np
 import pytest
 
@@ -24,6 +26,17 @@ def run(*arguments, status=0):
 def check(name, ending=".mlpackage", *more, output=None, status=0):
     output = output or PACKAGES / f"{name}.f32"
     return run(PACKAGES / f"{name}{ending}", "--check", PACKAGES / "recorded-input.f32", output, *more, status=status)
+
+
+def document(schema, *arguments, status=0):
+    """The document that the program writes, which must follow its schema."""
+    text = run(*arguments, "--json", status=status)
+    assert text.endswith("}\n") and text.count("\n") == 1
+    read = json.loads(text)
+    rules = json.loads((SOURCE / "docs" / "schemas" / f"{schema}.schema.json").read_text())
+    jsonschema.Draft202012Validator.check_schema(rules)
+    jsonschema.Draft202012Validator(rules).validate(read)
+    return read
 
 
 def test_a_package_is_shown():
@@ -68,6 +81,67 @@ def test_compressed_weights_are_told(name, form):
     text = run(PACKAGES / f"{name}.mlpackage")
     # 9 * (3 * 16 + 16 * 16 + 16 * 3) weights stand for three tensors.
     assert re.search(rf"^  {re.escape(form)} +3 tensors +3,168 elements", text, re.MULTILINE), text
+
+
+@pytest.mark.parametrize(
+    ("name", "form"),
+    [
+        # 9 * (3 * 16 + 16 * 16 + 16 * 3) weights of three layers, and 16 + 16 + 3 biases. Of each of the six, a byte
+        # per element and two float32 numbers per channel, or one of each; or half a byte and a table of 16.
+        ("layers-linear8", ("quantized (uint8)", 6, 3203, 3203 + 8 * (16 + 16 + 3 + 3))),
+        ("layers-table4", ("palettized (uint4)", 6, 3203, 1602 + 6 * 16 * 4)),
+        ("layers-unet-float16", ("float16", 15, 7867, 15734)),
+    ],
+)
+def test_weights_of_layers_are_counted_by_their_form(name, form):
+    report = document("model-report", PACKAGES / f"{name}.mlmodel")
+    assert (report["type"], report["bundle"]) == ("neural network", "single file (.mlmodel)")
+    assert [tuple(each.values()) for each in report["weights"]] == [form]
+
+
+def test_a_report_for_programs():
+    report = document("model-report", PACKAGES / "unet-flexible-float16.mlpackage", "--shape", "1,3,32,40", "--time")
+    (image,) = report["inputs"]
+    assert image["shape"] == [1, 3, 64, 64]
+    assert image["ranges"] == [[1, 1], [3, 3], [8, 512], [8, 512]]
+    assert report["engine"] == {"runs": True}
+    assert report["operation_set"] == "CoreML6"
+    assert report["operations"]["conv"] >= 8
+    assert report["cost"]["input_shape"] == report["times"]["input_shape"] == [1, 3, 32, 40]
+    shown = run(PACKAGES / "unet-flexible-float16.mlpackage", "--shape", "1,3,32,40")
+    assert f"{report['cost']['multiply_adds'] / 1e9:.3f} G" in shown
+    assert {each["name"].split(" ")[0] for each in report["times"]["layers"]} == {
+        each["name"] for each in report["times"]["kinds"]
+    }
+
+
+def test_a_report_of_what_is_not_run():
+    report = document("model-report", PACKAGES / "two-outputs.mlmodelc")
+    assert report["engine"] == {"runs": False, "reason": "it has 2 outputs, expected 1"}
+    assert "cost" not in report
+    listed = document("model-report", PACKAGES / "restormer-enumerated-ios16-float16.mlmodelc")
+    assert listed["inputs"][0]["shapes"] == [[1, 3, 64, 64], [1, 3, 32, 40], [1, 3, 96, 48]]
+
+
+def test_a_failure_leaves_no_half_document(tmp_path):
+    for arguments in (["--time", "--shape", "1,4,8,8"], ["--check", tmp_path / "gone", tmp_path / "gone"]):
+        words = [str(each) for each in [PROGRAM, PACKAGES / "identity.mlpackage", "--json", *arguments]]
+        done = subprocess.run(words, capture_output=True, text=True, timeout=300, check=False)
+        assert (done.returncode, done.stdout) == (2, "")
+        assert done.stderr.startswith("lumvane-model: ")
+
+
+def test_a_check_for_programs(tmp_path):
+    model = PACKAGES / "unet-ios15-float32.mlpackage"
+    files = ["--check", PACKAGES / "recorded-input.f32", PACKAGES / "unet-ios15-float32.f32"]
+    passed = document("model-check", model, *files)
+    assert passed["passed"] and passed["share"] < passed["tolerance"] == 1e-4
+    assert passed["input_shape"] == passed["output_shape"] == [1, 3, 32, 40]
+    recorded = np.fromfile(files[2], "<f4")
+    recorded[77] = np.nan
+    recorded.tofile(tmp_path / "off.f32")
+    missed = document("model-check", model, *files[:2], tmp_path / "off.f32", status=1)
+    assert (missed["passed"], missed["largest_difference"], missed["at_element"]) == (False, None, 77)
 
 
 def test_a_compiled_model_is_shown():
