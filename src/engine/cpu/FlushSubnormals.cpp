@@ -22,6 +22,11 @@ void SetFloatControl(std::uint64_t control) noexcept {
 #endif
 }
 
+/// Of the control word only the mode goes back: the exception flags that the run raised stay raised.
+void RestoreMode(std::uint64_t before) noexcept {
+  SetFloatControl((FloatControl() & ~FlushBits()) | (before & FlushBits()));
+}
+
 }  // namespace
 
 std::uint64_t FloatControl() noexcept {
@@ -56,16 +61,16 @@ FlushSubnormals::Scope::Scope(FlushSubnormals& owner) : owner_(owner) {
     owner_.saved_[static_cast<std::size_t>(omp_get_thread_num())] = control;
     SetFloatControl(control | FlushBits());
   }
+  // LLVM's OpenMP runtime hands the calling thread's mode to all threads where a region begins, and gives the calling
+  // thread its own back where it ends: there the mode has to be set outside of one.
+  SetFloatControl(FloatControl() | FlushBits());
 }
 
 FlushSubnormals::Scope::~Scope() {
+  RestoreMode(owner_.saved_.front());
   const int threads = static_cast<int>(owner_.saved_.size());
 #pragma omp parallel num_threads(threads)
-  {
-    // Of the control word only the mode goes back: the exception flags that the run raised stay raised.
-    const std::uint64_t before = owner_.saved_[static_cast<std::size_t>(omp_get_thread_num())] & FlushBits();
-    SetFloatControl((FloatControl() & ~FlushBits()) | before);
-  }
+  RestoreMode(owner_.saved_[static_cast<std::size_t>(omp_get_thread_num())]);
 }
 
 }  // namespace ulmora::engine::cpu
