@@ -47,6 +47,26 @@ def nebula(rng: np.random.Generator, size: int, slope: tuple[float, float]) -> A
     return light
 
 
+def faint_clouds(rng: np.random.Generator, channels: int, size: int) -> Array:
+    """Clouds far below the noise of a pixel, [channels, size, size], between about -1 and 1: cirrus or a few soft spots.
+
+    A network that never meets light which only means over hundreds of pixels can show learns to take it for noise.
+    """
+    if rng.random() < 0.5:
+        light = 0.4 * warped_field(rng, size, rng.uniform(2.6, 4.2), rng.uniform(0.0, 20.0))
+    else:
+        rows, columns = np.ogrid[0:size, 0:size]
+        light = np.zeros((size, size), np.float32)
+        for _ in range(1 + rng.poisson(8)):
+            radius, softness = log_uniform(rng, 5.0, 60.0), rng.uniform(0.5, 6.0)
+            row, column = rng.uniform(0, size, 2)
+            flat = float(rng.uniform(0.4, 1.0))
+            distance = np.hypot(rows - row, (columns - column) * flat)
+            light += rng.uniform(0.3, 1.0) / (1.0 + np.exp(np.clip((distance - radius) / softness, -30, 30)))
+    tints = rng.uniform(0.2, 1.0, channels) if channels > 1 and rng.random() < 0.7 else np.ones(channels)
+    return (light * tints[:, None, None]).astype(np.float32)
+
+
 def dust_transmission(rng: np.random.Generator, size: int) -> Array:
     """exp(-tau f_c) [3, size, size] with a log-normal optical depth whose 98th percentile is 0.5 to 3."""
     depth = np.exp(rng.uniform(0.8, 1.4) * warped_field(rng, size, rng.uniform(2.6, 3.4), rng.uniform(5.0, 30.0)))

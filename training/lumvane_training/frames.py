@@ -11,6 +11,7 @@ import numpy as np
 
 from . import noise, stretch
 from .exposures import exposure, medians
+from .extended import faint_clouds
 from .fields import Array, log_uniform
 
 
@@ -42,6 +43,13 @@ class FrameLaws:
     perfect_share: float = 0.02
     """Frames without any noise: what is clean has to stay as it is."""
     zero_channel_share: float = 0.02
+    outlier_share: float = 0.06
+    """Frames whose noise has long tails."""
+    clouds_share: float = 0.25
+    clouds_height: tuple[float, float] = (0.05, 0.8)
+    """Frames with clouds whose height is this many deviations of the background's noise."""
+    black_point_share: float = 0.06
+    """Frames stretched by hand whose black point cuts the sky's noise, in some channels or in all."""
 
     @staticmethod
     def from_table(table: dict) -> "FrameLaws":
@@ -99,15 +107,38 @@ def _sigma_for_linear_mode(rng: np.random.Generator, frame: Array, level: Array,
     return mean_level * log_uniform(rng, 0.005, 0.7)
 
 
-def _noisy(rng: np.random.Generator, frame: Array, level: Array, sigma: float, mono: bool,
+def _happens(rng: np.random.Generator, share: float) -> bool:
+    """True in that share of cases. A share of zero draws nothing, so that what is left out changes no other number."""
+    return share > 0.0 and bool(rng.random() < share)
+
+
+def _noisy(rng: np.random.Generator, frame: Array, level: Array, sigma: float, mono: bool, laws: FrameLaws,
            may_count: bool = True) -> tuple[Array, Array, Array]:
     """The frame with noise of about `sigma` at the background, the per-channel sigma and the per-pixel one."""
     channels = frame.shape[0]
     per_channel = sigma * np.exp(rng.normal(0.0, 0.15, channels)) if channels > 1 else np.array([sigma])
     recipe = noise.draw_recipe(rng, mono)
     recipe.true_poisson = bool(may_count and sigma > 0.3 * level.mean())
+    if _happens(rng, laws.outlier_share):
+        recipe.outlier_density, recipe.outlier_bright = 10 ** rng.uniform(-2.7, -1.2), rng.uniform(0.0, 1.0)
     noisy = noise.add_noise(rng, frame, level, per_channel, recipe)
     return noisy, per_channel, noise.spread(frame, level, per_channel, recipe.photon_share)
+
+
+def _with_clouds(rng: np.random.Generator, frame: Array, sigma: float, laws: FrameLaws) -> Array:
+    """The linear frame, in some cases with clouds of a height that is small against the noise."""
+    if not _happens(rng, laws.clouds_share):
+        return frame
+    clouds = faint_clouds(rng, frame.shape[0], max(frame.shape[1:]))[:, :frame.shape[1], :frame.shape[2]]
+    return np.clip(frame + sigma * log_uniform(rng, *laws.clouds_height) * clouds, 0.0, 1.0).astype(np.float32)
+
+
+def _with_black_point(rng: np.random.Generator, images: list[Array], level: Array) -> list[Array]:
+    """Stretched noisy and clean frame less a black point near the sky's level, in one channel or more."""
+    channels = rng.random(len(level)) < 0.5
+    channels[rng.integers(len(level))] = True
+    black = (channels * level * rng.uniform(0.7, 1.1, len(level)))[:, None, None]
+    return [np.maximum(image - black, 0.0).astype(np.float32) for image in images]
 
 
 def _linear_mode(noisy: Array, multiplier: float, background: float) -> list[stretch.LinearModeChannel] | None:
@@ -163,7 +194,8 @@ def make_pair(rng: np.random.Generator, light: Array, laws: FrameLaws = FrameLaw
         sigma = float(level.mean()) * log_uniform(rng, 0.005, 0.4)
     else:
         sigma = min(wanted, 0.3 * float(level.mean()))
-    noisy, per_channel, spread = _noisy(rng, frame, level, sigma, mono)
+    frame = _with_clouds(rng, frame, sigma, laws)
+    noisy, per_channel, spread = _noisy(rng, frame, level, sigma, mono, laws)
     if mode == "subtracted":
         pedestal = (level - rng.uniform(0.9, 2.8) * per_channel)[:, None, None].astype(np.float32)
         noisy, frame = noisy - pedestal, np.maximum(frame - pedestal, 0.0)
@@ -196,9 +228,12 @@ def _other_stretch(rng: np.random.Generator, frame: Array, level: Array, wanted:
         step = 0.02 * mean_level
         slope = float(curve(np.float64(mean_level + step)) - curve(np.float64(mean_level - step))) / (2 * step)
         sigma = min(wanted / max(slope, 1e-3), 1.0 * mean_level)
-    noisy, per_channel, spread = _noisy(rng, frame, level, sigma, mono, may_count=mode == "other")
+    frame = _with_clouds(rng, frame, sigma, laws)
+    noisy, per_channel, spread = _noisy(rng, frame, level, sigma, mono, laws, may_count=mode == "other")
     noisy = np.clip(noisy, 0.0, 1.0)
     seen = [curve(noisy), curve(frame), _through(curve, frame, spread)]
+    if _happens(rng, laws.black_point_share):
+        seen[:2] = _with_black_point(rng, seen[:2], medians(seen[1]))
     if not mono and mode == "other" and rng.random() < 0.4:
         amount = rng.uniform(0.7, 1.6)
         seen = [stretch.saturation(seen[0], amount), stretch.saturation(seen[1], amount),

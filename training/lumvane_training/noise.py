@@ -48,6 +48,10 @@ class NoiseRecipe:
     gain_pattern: float = 0.0
     """Pixel response non-uniformity, relative to the signal."""
     hot_density: float = 0.0
+    outlier_density: float = 0.0
+    """Share of pixels whose noise has long tails, as raw frames of simple sensors have them."""
+    outlier_bright: float = 0.5
+    """Share of these that are too bright; the others are too dark."""
     true_poisson: bool = False
 
 
@@ -160,6 +164,10 @@ def _residue(rng: np.random.Generator, clean: Array, sigma: Array, recipe: Noise
         size = rng.uniform(4.0, 60.0, count) * np.where(rng.random(count) < 0.85, 1.0, -1.0)
         hot[rng.integers(channels, size=count), rng.integers(height, size=count), rng.integers(width, size=count)] = size
         total = total + hot * sigma
+    if recipe.outlier_density > 0:
+        sign = np.where(rng.random(clean.shape, dtype=np.float32) < recipe.outlier_bright, 1.0, -1.0)
+        size = 2.0 + rng.exponential(2.0, clean.shape)
+        total = total + (sigma * sign * size * (rng.random(clean.shape) < recipe.outlier_density)).astype(np.float32)
     return total
 
 

@@ -5,6 +5,9 @@ import pytest
 
 from lumvane_training import feeder, frames, scenes, stretch
 
+PLAIN = dict(perfect_share=0.0, zero_channel_share=0.0, outlier_share=0.0, clouds_share=0.0, black_point_share=0.0)
+"""Shares of everything that would stand in the way of measuring noise: none."""
+
 
 def test_midtones_formula():
     assert stretch.midtones(0.25, np.float64(0.25)) == pytest.approx(0.5)
@@ -89,7 +92,7 @@ def test_crops_are_aligned():
 @pytest.mark.parametrize("mode", frames.MODES)
 def test_spread_is_the_noise_that_the_frame_has(light, mode):
     """Measured in deviations of its own spread, the middle of the noise has about unit width in every mode."""
-    laws = frames.FrameLaws(perfect_share=0.0, blank_share=0.0, zero_channel_share=0.0)
+    laws = frames.FrameLaws(**PLAIN, blank_share=0.0)
     widths = []
     for seed in range(10):
         pair = frames.make_pair(np.random.default_rng(seed), light, laws, wanted=0.03, mode=mode, mono=False)
@@ -109,7 +112,7 @@ def test_linear_spread_is_one_at_the_background(light):
 def test_symmetric_frames_have_no_skew():
     """The point of that mode: mean and median of a sky's noise agree, which no stretch of noise leaves."""
     dark = np.zeros((3, 256, 256), np.float32)
-    laws = frames.FrameLaws(perfect_share=0.0, zero_channel_share=0.0)
+    laws = frames.FrameLaws(**PLAIN)
     shifts = {"symmetric": [], "linear": []}
     for mode, values in shifts.items():
         for seed in range(12):
@@ -123,3 +126,38 @@ def test_perfect_frames_carry_no_noise(light):
     laws = frames.FrameLaws(perfect_share=1.0, zero_channel_share=0.0)
     pair = frames.make_pair(np.random.default_rng(1), light, laws, mode="linear")
     assert np.abs(pair.noisy - pair.clean).max() <= 0.5 / 255 + 1e-6 and pair.spread.max() == 0
+
+
+def test_clouds_are_in_the_truth_and_far_below_the_noise():
+    dark = np.zeros((3, 256, 256), np.float32)
+    for seed in range(6):
+        with_clouds, without = (
+            frames.make_pair(np.random.default_rng(seed), dark, frames.FrameLaws(**{**PLAIN, "clouds_share": share},
+                                                                                clouds_height=(0.4, 0.4)),
+                             wanted=0.03, mode="linear", mono=True) for share in (1.0, 0.0))
+        clouds = (with_clouds.linear_clean - without.linear_clean) / with_clouds.sigma[0]
+        assert 0.2 < np.ptp(clouds) < 2.0
+
+
+def test_black_points_leave_halved_noise_over_a_black_truth():
+    """Where the black point lies above the sky, the truth is 0 and half or more of the noise is cut away."""
+    dark = np.zeros((3, 256, 256), np.float32)
+    laws = frames.FrameLaws(**{**PLAIN, "black_point_share": 1.0})
+    black = 0
+    for seed in range(12):
+        pair = frames.make_pair(np.random.default_rng(seed), dark, laws, wanted=0.03, mode="symmetric", mono=False)
+        assert pair.noisy.min() >= 0 and pair.clean.min() >= 0
+        for noisy, clean in zip(pair.noisy, pair.clean):
+            if clean.max() == 0:
+                black += 1
+                assert (noisy == 0).mean() >= 0.49
+    assert black > 0
+
+
+def test_shares_of_zero_draw_nothing(light):
+    """What is left out changes no other number, so that evaluation frames stay what they were when laws are added."""
+    def noisy(share):
+        laws = frames.FrameLaws(**{**PLAIN, "black_point_share": share})
+        return frames.make_pair(np.random.default_rng(4), light, laws, mode="linear", mono=True).noisy
+
+    assert np.array_equal(noisy(0.0), noisy(1.0))

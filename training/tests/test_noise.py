@@ -88,6 +88,18 @@ def test_hot_pixels_have_the_density_asked_for():
     assert 30 < int((np.abs(error) > 6.5e-3).sum()) < 90
 
 
+@pytest.mark.parametrize("bright", [0.0, 1.0])
+def test_outliers_have_the_density_and_the_sign_asked_for(bright):
+    rng = np.random.default_rng(7)
+    recipe = noise.NoiseRecipe(outlier_density=0.02, outlier_bright=bright)
+    clean = flat(0.1, 1)
+    error = (noise.add_noise(rng, clean, np.array([0.1]), np.array([1e-3]), recipe) - clean) / 1e-3
+    # Past five deviations: what is long enough by itself, 2 + an exponential of mean 2.
+    shares = (error < -5).mean(), (error > 5).mean()
+    assert shares[int(bright)] == pytest.approx(0.02 * np.exp(-1.5), rel=0.3)
+    assert shares[1 - int(bright)] < 1e-4
+
+
 def test_line_blur_correlates_along_its_line_only():
     rng = np.random.default_rng(8)
     field = noise.line_blur(rng.standard_normal((1, SIZE, SIZE), dtype=np.float32), 16.0, 0.0)

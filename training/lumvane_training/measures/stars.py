@@ -29,7 +29,8 @@ class Field:
 
 def fields(program: Program, seed: int, count: int, size: int) -> list[Field]:
     """`count` star fields with their own skies, exposures and noise, denoised in the linear mode."""
-    laws = frames.FrameLaws(zero_channel_share=0.0, blank_share=0.0, perfect_share=0.0)
+    laws = frames.FrameLaws(zero_channel_share=0.0, blank_share=0.0, perfect_share=0.0, outlier_share=0.0,
+                            clouds_share=0.0, black_point_share=0.0)
     found, index = [], 0
     while len(found) < count:
         scene = scenes.render_scene(seed, index, size, FIELD_LAWS)
