@@ -13,6 +13,8 @@ from .frames import FrameLaws, make_pair
 from .pool import open_pools
 
 Array = np.ndarray
+STRUCTURE_FLOOR = 2e-3
+"""Added to the noise that steps between pixels are measured in: the networks' own floor, about."""
 
 
 def symmetry(image: Array, number: int) -> Array:
@@ -21,11 +23,30 @@ def symmetry(image: Array, number: int) -> Array:
     return turned[..., ::-1] if number >= 4 else turned
 
 
-def crops(rng: np.random.Generator, planes: Array, patch: int, count: int):
-    """`count` random crops [k, 3, patch, patch] of planes [k, 3, h, w], each in a random symmetry."""
+def structure(clean: Array, spread: Array) -> Array:
+    """Running sums [h + 1, w + 1] over rows and columns of how far neighbours of the clean frame lie apart in its noise."""
+    steps = np.abs(np.diff(clean, axis=-1, append=clean[..., -1:])) / (spread + STRUCTURE_FLOOR)
+    sums = np.zeros((clean.shape[-2] + 1, clean.shape[-1] + 1))
+    np.minimum(steps.mean(axis=0), 2.0).cumsum(axis=0).cumsum(axis=1, out=sums[1:, 1:])
+    return sums
+
+
+def crops(rng: np.random.Generator, planes: Array, patch: int, count: int, sums: Array | None = None):
+    """`count` random crops [k, 3, patch, patch] of planes [k, 3, h, w], each in a random symmetry.
+
+    With the running sums of `structure` every second crop is the richer one of two: most of most frames is sky, which
+    is learnt soon, while crowded places stay behind.
+    """
     height, width = planes.shape[-2:]
+
+    def wealth(place: Array) -> float:
+        top, left, bottom, right = *place, *(place + patch)
+        return sums[bottom, right] - sums[top, right] - sums[bottom, left] + sums[top, left]
+
     for _ in range(count):
-        row, column = rng.integers(height - patch + 1), rng.integers(width - patch + 1)
+        places = rng.integers((height - patch + 1, width - patch + 1), size=(2, 2))
+        rich = sums is not None and rng.random() < 0.5
+        row, column = max(places, key=wealth) if rich else places[0]
         crop = planes[:, :, row:row + patch, column:column + patch]
         yield np.ascontiguousarray(symmetry(crop, int(rng.integers(8))))
 
@@ -54,7 +75,7 @@ def batches(seed: list[int], paths: list[Path], laws: FrameLaws, patch: int, bat
                 print(f"feeder {seed}: frame {visits} ({pair.mode}) is not finite, left out", flush=True)
                 continue
             count = max(1, int(coverage * light.shape[1] * light.shape[2] / patch**2))
-            store.extend(crops(rng, planes, patch, count))
+            store.extend(crops(rng, planes, patch, count, structure(pair.clean, pair.spread)))
         picked = rng.permutation(len(store))[:batch]
         yield np.stack([store[i] for i in picked])
         for i in sorted(picked, reverse=True):

@@ -89,6 +89,19 @@ def test_crops_are_aligned():
         assert np.allclose(crop[1] - crop[0], 1) and np.allclose(crop[2] - crop[0], 2)
 
 
+def test_rich_places_are_cropped_more_often():
+    rng = np.random.default_rng(3)
+    clean = np.zeros((3, 64, 64), np.float32)
+    clean[:, :, 32:] = 0.1 * rng.random((3, 64, 32), dtype=np.float32)
+    marks = np.broadcast_to((clean > 0).any(axis=0), clean.shape).astype(np.float32)
+    sums = feeder.structure(clean, np.full_like(clean, 0.01))
+    shares = [np.mean([crop.mean() for crop in feeder.crops(np.random.default_rng(4), marks[None], 8, 2000, s)])
+              for s in (None, sums)]
+    # Half of the crops are as likely on either side; of the others every place wins that is the richer of two.
+    assert shares[0] == pytest.approx(0.5, abs=0.03)
+    assert shares[1] == pytest.approx(0.62, abs=0.03)
+
+
 @pytest.mark.parametrize("mode", frames.MODES)
 def test_spread_is_the_noise_that_the_frame_has(light, mode):
     """Measured in deviations of its own spread, the middle of the noise has about unit width in every mode."""
