@@ -23,15 +23,16 @@ def rms(values: Array) -> float:
     return float(np.sqrt(np.mean(np.square(values, dtype=np.float64))))
 
 
-def equal_planes(program: Program, noisy: Array) -> float:
-    """Largest difference between output planes for three planes that differ in one sample by the smallest step.
+def equal_planes(program: Program, noisy: Array) -> tuple[float, float]:
+    """Largest difference between output planes for three equal planes, and for such that differ in one sample.
 
-    The step keeps the program from taking the frame for grayscale, so that the network has to agree by itself.
+    One sample by the smallest step keeps the program from taking the frame for grayscale, so that the network has to
+    agree by itself.
     """
     three = np.repeat(as_stored(noisy), 3, axis=0)
+    equal = float(np.ptp(program.tiff(three), axis=0).max())
     three[0, 0, 0] += 1 / 65535.0 if three[0, 0, 0] < 0.5 else -1 / 65535.0
-    output = program.tiff(three)
-    return float(np.ptp(output, axis=0).max())
+    return equal, float(np.ptp(program.tiff(three), axis=0).max())
 
 
 def constant_areas(program: Program, size: int) -> tuple[float, float]:
@@ -77,7 +78,8 @@ def measure(program: Program, seed: int, count: int, size: int) -> Section:
     section.gate("mean of a channel less the truth's, worst", float(max(colours)), 1e-3, "{:.5f}")
     section.gate("flipped and turned, rms difference over the removed noise, worst", max(symmetric), 0.05)
     if planes:
-        section.gate("three equal planes, largest difference", max(planes), 1e-3, "{:.4f}")
+        for name, values in zip(("three equal planes", "the same but for one sample"), zip(*planes)):
+            section.gate(f"{name}, largest difference", max(values), 1e-3, "{:.4f}")
     section.gate("constant frame, largest change", even, 2 / 65535, "{:.5f}")
     section.gate("inside of saturated and black areas, largest change", areas, 0.004, "{:.4f}")
     section.figures = {"clean": clean_changes, "second": second, "colour": [float(c) for c in colours]}
