@@ -2,11 +2,17 @@
 // The only place that knows which interface of oneDNN it is compiled against: 2.x with operation descriptors,
 // or 3.x without. Everything else in cpu/ describes primitives through these functions.
 
+#include <charconv>
 #include <cmath>
+#include <cstddef>
 #include <oneapi/dnnl/dnnl.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#if defined(__aarch64__) && defined(__linux__)
+#include <sys/prctl.h>
+#endif
 
 namespace ulmora::engine::cpu::onednn {
 
@@ -39,6 +45,27 @@ using Dims = dnnl::memory::dims;
 /// hundreds of times slower.
 enum class Reference : bool { Refused, Accepted };
 
+/// Bits of this processor's vectors where programs have to ask for their length (64-bit ARM's SVE), otherwise 0.
+[[nodiscard]] inline int VectorBits() {
+#if defined(__aarch64__) && defined(__linux__)
+  static const int answer = prctl(PR_SVE_GET_VL);
+  return answer < 0 ? 0 : 8 * (answer & PR_SVE_VL_LEN_MASK);
+#else
+  return 0;
+#endif
+}
+
+/// Whether an implementation of that name is right on vectors of that many bits. The library takes those for shorter
+/// vectors (such as "jit_1x1:sve_256" on 512 bits), too, but they store whole vectors, past the end of what is theirs.
+[[nodiscard]] inline bool FitsVectors(std::string_view implementation, int vectorBits) {
+  constexpr std::string_view kMark = "sve_";
+  const std::size_t mark = implementation.find(kMark);
+  if (mark == std::string_view::npos) return true;
+  int bits = 0;
+  std::from_chars(implementation.data() + mark + kMark.size(), implementation.data() + implementation.size(), bits);
+  return bits == vectorBits;
+}
+
 template <typename Description>
 [[nodiscard]] bool IsReference(const Description& description) {
   return std::string_view(description.impl_info_str()).starts_with("ref");
@@ -56,7 +83,11 @@ template <typename Primitive, typename... Arguments>
 #else
     Description description(typename Primitive::desc(arguments...), attributes, CpuEngine(), true);
 #endif
-    if (!description || (reference == Reference::Refused && IsReference(description))) return std::nullopt;
+    if (!description) return std::nullopt;
+    while (!FitsVectors(description.impl_info_str(), VectorBits())) {
+      if (!description.next_impl()) return std::nullopt;
+    }
+    if (reference == Reference::Refused && IsReference(description)) return std::nullopt;
     return description;
   } catch (const dnnl::error&) {
     return std::nullopt;

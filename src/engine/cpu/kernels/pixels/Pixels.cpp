@@ -1,5 +1,7 @@
 #include "engine/cpu/kernels/pixels/Pixels.h"
 
+#include "engine/cpu/RoundUp.h"
+#include "engine/cpu/kernels/InstructionSets.h"
 #include "engine/cpu/kernels/pixels/PixelVariants.h"
 
 #include <omp.h>
@@ -16,21 +18,14 @@ constexpr std::int64_t kCacheFloats = 512 * 1024 / 4;
 constexpr std::int64_t kMostRows = 24;
 constexpr std::int64_t kFewestRows = 6;
 
-std::int64_t CeilDivide(std::int64_t a, std::int64_t b) {
-  return (a + b - 1) / b;
-}
-
 }  // namespace
 
 const PixelKernels* FindPixelKernels(int lanes) {
 #if defined(__x86_64__)
-  const bool hasAvx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl");
-  if (lanes == kPixelsAvx512.lanes) return hasAvx512 ? &kPixelsAvx512 : nullptr;
-  const bool hasAvx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  if (lanes == kPixelsAvx2.lanes && hasAvx2) return &kPixelsAvx2;
+  return ChooseKernels(lanes, kPixelsBaseline, kPixelsAvx2, kPixelsAvx512);
+#else
+  return ChooseKernels(lanes, kPixelsBaseline);
 #endif
-  return lanes == kPixelsBaseline.lanes ? &kPixelsBaseline : nullptr;
 }
 
 PixelPlan::PixelPlan(const PixelKernels& kernels, std::int64_t images, std::int64_t pixels, std::int64_t channels,
@@ -38,7 +33,7 @@ PixelPlan::PixelPlan(const PixelKernels& kernels, std::int64_t images, std::int6
     : kernels_(kernels), images_(images), pixels_(pixels), channels_(channels), threads_(threads) {
   const std::int64_t rows = kernels.rows;
   const std::int64_t fitting = std::clamp(kCacheFloats / channels / rows, kFewestRows, kMostRows);
-  const std::int64_t shared = CeilDivide(CeilDivide(images * pixels, threads), rows);
+  const std::int64_t shared = DivideUp(DivideUp(images * pixels, threads), rows);
   capacity_ = rows * std::clamp<std::int64_t>(fitting, 1, std::max<std::int64_t>(shared, 1));
 }
 
@@ -47,7 +42,7 @@ std::int64_t PixelPlan::scratchBytes() const noexcept {
 }
 
 void PixelPlan::Run(const PixelStep* steps, std::size_t count, float* scratch) const {
-  const std::int64_t runs = CeilDivide(pixels_, capacity_);
+  const std::int64_t runs = DivideUp(pixels_, capacity_);
 #pragma omp parallel num_threads(std::min(threads_, omp_get_max_threads()))
   {
     float* mine = scratch + omp_get_thread_num() * channels_ * capacity_;

@@ -1,6 +1,7 @@
 #include "engine/cpu/kernels/winograd/Winograd.h"
 
 #include "engine/cpu/RoundUp.h"
+#include "engine/cpu/kernels/InstructionSets.h"
 #include "engine/cpu/kernels/Parallel.h"
 #include "engine/cpu/kernels/winograd/WinogradVariants.h"
 
@@ -18,13 +19,10 @@ constexpr std::int64_t kCacheFloats = 1024 * 1024 / 4;
 
 const WinogradKernels* FindWinograd(int lanes) {
 #if defined(__x86_64__)
-  const bool hasAvx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl");
-  if (lanes == kWinogradAvx512.lanes) return hasAvx512 ? &kWinogradAvx512 : nullptr;
-  const bool hasAvx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  if (lanes == kWinogradAvx2.lanes && hasAvx2) return &kWinogradAvx2;
+  return ChooseKernels(lanes, kWinogradBaseline, kWinogradAvx2, kWinogradAvx512);
+#else
+  return ChooseKernels(lanes, kWinogradBaseline);
 #endif
-  return lanes == kWinogradBaseline.lanes ? &kWinogradBaseline : nullptr;
 }
 
 WinogradPlan::WinogradPlan(const WinogradKernels& kernels, const WinogradTask& shape, int threads)
