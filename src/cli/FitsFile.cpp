@@ -18,7 +18,7 @@ void CheckFits(int status, const std::string& stage, const std::string& path) {
 }
 
 std::string FitsDiskName(const std::string& path) {
-  return path.starts_with(' ') ? "./" + path : path;
+  return path.starts_with(' ') || path.starts_with('~') ? "./" + path : path;
 }
 
 void FitsFile::CloseChecked(const std::string& stage, const std::string& path) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ulmora::cli {
@@ -68,6 +69,10 @@ enum class Coding { rice, pixelList, hcompress, deflate, other };
 /// No sample of an image takes more bytes.
 constexpr std::uint64_t kMostSampleBytes = 8;
 
+/// A block of fewer pixels together with samples of more bytes is what a writer leaves that swapped the two.
+constexpr int kFewestRicePixels = 16;
+constexpr int kMostRiceBytes = 8;
+
 Coding ReadCoding(fitsfile* file) {
   const std::string name = ReadText(file, "ZCMPTYPE");
   if (name == "RICE_1" || name == "RICE_ONE") return Coding::rice;
@@ -98,9 +103,12 @@ class TileChecker {
  public:
   TileChecker(fitsfile* file, const FitsAxes& axes)
       : file_(file), tiling_(ReadTiling(file, axes)), coding_(ReadCoding(file)) {
-    // The library takes these two by their position, whatever their names.
+    // The library takes these two by their position, whatever their names, unless they make sense only the other way.
     rice_.blockSize = static_cast<int>(ReadNumber(file, "ZVAL1", rice_.blockSize));
     rice_.bytesPerPixel = static_cast<int>(ReadNumber(file, "ZVAL2", rice_.bytesPerPixel));
+    if (rice_.blockSize < kFewestRicePixels && rice_.bytesPerPixel > kMostRiceBytes) {
+      std::swap(rice_.blockSize, rice_.bytesPerPixel);
+    }
   }
 
   int Check() {

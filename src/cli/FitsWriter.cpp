@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
@@ -121,6 +122,8 @@ void RemoveExistingOutput(const std::string& path) {
 
 void CreateImage(FitsOutput& output) {
   RemoveExistingOutput(output.path);
+  // The library would write below the folder that this names and nowhere else; the output path alone decides here.
+  unsetenv("HERA_DATA_DIRECTORY");
   fits_create_diskfile(output.file.Out(), FitsDiskName(output.path).c_str(), &output.status);
   output.Check("Creating");
   std::array<long, 3> axes = {output.columns, output.rows, 3};

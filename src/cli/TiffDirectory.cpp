@@ -96,6 +96,31 @@ void ExamineDescription(std::istream& stream, TiffDirectory& directory, const st
   directory.imageDescription = std::move(text);
 }
 
+// Reads the header and the entries of the first directory, hands each entry to `examine` as soon as it is read, and
+// returns the offset behind the last one.
+template <typename Examine>
+std::uint64_t ReadEntries(std::istream& stream, TiffDirectory& directory, const std::string& path,
+                          const Examine& examine) {
+  const std::uint64_t directoryOffset = ReadHeader(stream, directory, path);
+  const Layout& layout = LayoutOf(directory);
+
+  std::array<std::uint8_t, 8> number{};
+  ReadExact(stream, directoryOffset, number.data(), layout.countFieldSize, path);
+  const std::uint64_t entryCount =
+      directory.bigTiff ? Read64(number.data(), directory.littleEndian) : Read16(number.data(), directory.littleEndian);
+  if (entryCount >= kTooManyEntries) Refuse("Unreasonably large TIFF directory", path);
+
+  // No sum below can wrap: the count field was read, so the offset is a position in the file.
+  std::uint64_t position = directoryOffset + layout.countFieldSize;
+  for (std::uint64_t index = 0; index < entryCount; ++index, position += layout.entrySize) {
+    std::vector<std::uint8_t> entry(layout.entrySize);
+    ReadExact(stream, position, entry.data(), entry.size(), path);
+    directory.entries.push_back(std::move(entry));
+    examine(directory.entries.back());
+  }
+  return position;
+}
+
 // Size of one value of an unsigned integer type, 0 for every other type.
 std::size_t UnsignedTypeSize(std::uint16_t type) {
   switch (type) {
@@ -151,28 +176,20 @@ void ReadExact(std::istream& stream, std::uint64_t offset, void* buffer, std::si
 
 TiffDirectory ReadDirectory(std::istream& stream, const std::string& path) {
   TiffDirectory directory;
-  const std::uint64_t directoryOffset = ReadHeader(stream, directory, path);
-  const Layout& layout = LayoutOf(directory);
-
+  const std::uint64_t end = ReadEntries(stream, directory, path, [&](const std::vector<std::uint8_t>& entry) {
+    ExamineDescription(stream, directory, entry, path);
+  });
   std::array<std::uint8_t, 8> number{};
-  ReadExact(stream, directoryOffset, number.data(), layout.countFieldSize, path);
-  const std::uint64_t entryCount =
-      directory.bigTiff ? Read64(number.data(), directory.littleEndian) : Read16(number.data(), directory.littleEndian);
-  if (entryCount >= kTooManyEntries) Refuse("Unreasonably large TIFF directory", path);
-
-  // No sum below can wrap: the count field was read, so the offset is a position in the file.
-  std::uint64_t position = directoryOffset + layout.countFieldSize;
-  for (std::uint64_t index = 0; index < entryCount; ++index, position += layout.entrySize) {
-    std::vector<std::uint8_t> entry(layout.entrySize);
-    ReadExact(stream, position, entry.data(), entry.size(), path);
-    directory.entries.push_back(std::move(entry));
-    ExamineDescription(stream, directory, directory.entries.back(), path);
-  }
-  ReadExact(stream, position, number.data(), layout.valueSize, path);
+  ReadExact(stream, end, number.data(), LayoutOf(directory).valueSize, path);
   directory.nextDirectoryOffset = ReadWide(number.data(), directory);
   return directory;
 }
 
+TiffDirectory ReadDirectoryEntries(std::istream& stream, const std::string& path) {
+  TiffDirectory directory;
+  ReadEntries(stream, directory, path, [](const std::vector<std::uint8_t>&) {});
+  return directory;
+}
 std::optional<std::vector<std::uint64_t>> ReadFieldValues(std::istream& stream, const TiffDirectory& directory,
                                                           TiffTag tag, const std::string& path) {
   const bool littleEndian = directory.littleEndian;

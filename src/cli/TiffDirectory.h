@@ -70,6 +70,10 @@ struct TiffDirectory {
 /// corrupt.
 [[nodiscard]] TiffDirectory ReadDirectory(std::istream& stream, const std::string& path);
 
+/// The same without what only the description needs: damage there, or behind the entries, does not matter. The record
+/// has neither a description nor the offset of a next directory.
+[[nodiscard]] TiffDirectory ReadDirectoryEntries(std::istream& stream, const std::string& path);
+
 /// Clears the stream's state and reads exactly `size` bytes at `offset` of the file. Throws std::invalid_argument
 /// "Invalid or truncated TIFF metadata in <path>" if the file does not have them.
 void ReadExact(std::istream& stream, std::uint64_t offset, void* buffer, std::size_t size, const std::string& path);

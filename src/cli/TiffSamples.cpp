@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <fstream>
 #include <limits>
+#include <string_view>
 
 namespace ulmora::cli {
 namespace {
@@ -14,7 +14,10 @@ namespace {
 constexpr std::uint64_t kWhiteIsZero = 0;
 constexpr std::uint64_t kBlackIsZero = 1;
 constexpr std::uint64_t kRgb = 2;
+constexpr std::uint64_t kLumaAndChroma = 6;
 constexpr std::uint64_t kDifferences = 2;
+/// The largest side of an image or a tile that a new directory is written for.
+constexpr std::uint64_t kLargestSide = std::numeric_limits<std::int32_t>::max();
 
 /// Compressions that work on bytes or rows alone, and so know nothing of planes and colours: none, LZW, deflate (two
 /// numbers), PackBits, LZMA, Zstandard.
@@ -40,11 +43,20 @@ TiffReading HowToReadSeveralSamples(const TiffSamples& tiff) {
   }
   if (tiff.photometric == kWhiteIsZero) return TiffReading::Refused;
   if (tiff.separatePlanes) {
-    if (tiff.bits == 8 && tiff.photometric == kRgb) return TiffReading::Plain;
+    if (tiff.bits == 8 && tiff.photometric == kRgb && tiff.countsSamples) return TiffReading::Plain;
     return liftable ? TiffReading::SeparatePlanes : TiffReading::Refused;
   }
-  if (tiff.photometric == kRgb) return TiffReading::Plain;
+  if (tiff.photometric == kRgb && tiff.countsSamples) return TiffReading::Plain;
   return liftable ? TiffReading::UnnamedColours : TiffReading::Refused;
+}
+
+/// The four bytes by which the image library knows a TIFF.
+bool HasTiffSignature(std::istream& file) {
+  std::array<char, 4> bytes{};
+  file.read(bytes.data(), bytes.size());
+  const std::string_view signature(bytes.data(), bytes.size());
+  using namespace std::string_view_literals;
+  return file && (signature == "II*\0"sv || signature == "MM\0*"sv || signature == "II+\0"sv || signature == "MM\0+"sv);
 }
 
 /// One field of a directory to be written, all its values of one type.
@@ -75,7 +87,7 @@ std::optional<Chunks> FindChunks(std::istream& file, const TiffSamples& tiff, co
                                      ? ceilDivide(tiff.width, tiff.tileWidth) * ceilDivide(tiff.height, tiff.tileLength)
                                      : ceilDivide(tiff.height, rowsPerStrip);
   const std::uint64_t planes = tiff.separatePlanes ? tiff.samples : 1;
-  if (offsets->size() != perPlane * planes) return std::nullopt;
+  if (offsets->size() % planes != 0 || offsets->size() / planes != perPlane) return std::nullopt;
   const auto first = static_cast<std::ptrdiff_t>(part.firstPlane * perPlane);
   const auto last = first + static_cast<std::ptrdiff_t>(perPlane);
   return Chunks{{offsets->begin() + first, offsets->begin() + last}, {counts->begin() + first, counts->begin() + last}};
@@ -148,28 +160,28 @@ void AppendDirectory(std::vector<std::uint8_t>& bytes, const std::vector<Field>&
 }  // namespace
 
 std::optional<TiffSamples> InspectTiff(const std::string& path) {
-  try {
-    std::ifstream file(path, std::ios::binary);
-    TiffSamples tiff;
-    tiff.directory = ReadDirectory(file, path);
-    const auto value = [&](TiffTag tag, std::uint64_t fallback) {
-      return ReadFieldValue(file, tiff.directory, tag, fallback, path);
-    };
-    tiff.width = value(TiffTag::kImageWidth, 0);
-    tiff.height = value(TiffTag::kImageLength, 0);
-    tiff.bits = value(TiffTag::kBitsPerSample, 1);
-    tiff.samples = value(TiffTag::kSamplesPerPixel, 1);
-    tiff.compression = value(TiffTag::kCompression, 1);
-    tiff.photometric = value(TiffTag::kPhotometric, kBlackIsZero);
-    tiff.sampleFormat = value(TiffTag::kSampleFormat, 1);
-    tiff.predictor = value(TiffTag::kPredictor, 1);
-    tiff.tileWidth = value(TiffTag::kTileWidth, 0);
-    tiff.tileLength = value(TiffTag::kTileLength, 0);
-    tiff.separatePlanes = value(TiffTag::kPlanarConfiguration, 1) == 2;
-    return tiff;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  std::ifstream file(path, std::ios::binary);
+  if (!HasTiffSignature(file)) return std::nullopt;
+  TiffSamples tiff;
+  tiff.directory = ReadDirectoryEntries(file, path);
+  const auto value = [&](TiffTag tag, std::uint64_t fallback) {
+    return ReadFieldValue(file, tiff.directory, tag, fallback, path);
+  };
+  tiff.width = value(TiffTag::kImageWidth, 0);
+  tiff.height = value(TiffTag::kImageLength, 0);
+  tiff.bits = value(TiffTag::kBitsPerSample, 1);
+  tiff.compression = value(TiffTag::kCompression, 1);
+  tiff.photometric = value(TiffTag::kPhotometric, kBlackIsZero);
+  const std::uint64_t samples = value(TiffTag::kSamplesPerPixel, 0);
+  tiff.countsSamples = samples != 0;
+  const bool coloured = tiff.photometric == kRgb || tiff.photometric == kLumaAndChroma;
+  tiff.samples = tiff.countsSamples ? samples : coloured ? 3 : 1;
+  tiff.sampleFormat = value(TiffTag::kSampleFormat, 1);
+  tiff.predictor = value(TiffTag::kPredictor, 1);
+  tiff.tileWidth = value(TiffTag::kTileWidth, 0);
+  tiff.tileLength = value(TiffTag::kTileLength, 0);
+  tiff.separatePlanes = value(TiffTag::kPlanarConfiguration, 1) == 2;
+  return tiff;
 }
 
 TiffReading HowToRead(const TiffSamples& tiff) {
@@ -184,6 +196,7 @@ std::vector<std::uint8_t> LiftTiffPart(const std::string& path, const TiffSample
   constexpr auto kFillOrder = static_cast<TiffTag>(266);
   std::ifstream file(path, std::ios::binary);
   if (tiff.width == 0 || tiff.height == 0 || (tiff.tileWidth != 0) != (tiff.tileLength != 0)) return {};
+  if (std::max({tiff.width, tiff.height, tiff.tileWidth, tiff.tileLength}) > kLargestSide / part.widthFactor) return {};
   const auto value = [&](TiffTag tag, std::uint64_t fallback) {
     return ReadFieldValue(file, tiff.directory, tag, fallback, path);
   };

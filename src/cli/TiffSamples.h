@@ -20,6 +20,7 @@ struct TiffSamples {
   std::uint64_t height = 0;   ///< pixels
   std::uint64_t bits = 1;     ///< per sample
   std::uint64_t samples = 1;  ///< per pixel
+  bool countsSamples = true;  ///< false where the number of samples is not in the file but follows from the colours
   std::uint64_t compression = 1;
   std::uint64_t photometric = 1;
   std::uint64_t sampleFormat = 1;  ///< 1 unsigned integer, 2 signed, 3 floating point
@@ -33,13 +34,15 @@ enum class TiffReading {
   Plain,           ///< the image library reads it rightly, or refuses it itself
   InvertedLevels,  ///< white is zero in more than 8 bits: the library gives the stored levels, uninverted
   SeparatePlanes,  ///< the library reads the first plane as if it were interleaved, and memory of nobody behind it
-  UnnamedColours,  ///< three or four samples that the file does not call RGB: the library drops all but one
+  UnnamedColours,  ///< three or four samples that the file does not call RGB: the library drops all but one; or three
+                   ///< that it does not count: the library takes wrong ones
   GrayAndExtra,    ///< two samples: the library drops the second, and 16-bit ones to 8 bits
   Refused,         ///< none of the above helps, and what the library would give is wrong
 };
 
-/// The layout of the first image of a file; nothing if it is no TIFF or its directory cannot be read, so that the image
-/// library may judge it.
+/// The layout of the first image of a file, whatever state its description is in; nothing if it has no TIFF signature.
+/// Throws std::invalid_argument for a TIFF whose directory cannot be read: what the image library would make of such a
+/// file, nobody could check.
 [[nodiscard]] std::optional<TiffSamples> InspectTiff(const std::string& path);
 
 [[nodiscard]] TiffReading HowToRead(const TiffSamples& tiff);

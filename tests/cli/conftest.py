@@ -67,12 +67,15 @@ class Program:
 
     folder: Path
     path: Path = PROGRAM
+    environment: dict[str, str] = field(default_factory=dict)
+    """Added to this process's own."""
 
     def __call__(self, *arguments: object, cwd: Path | None = None, timeout: float = 300) -> Run:
         words = [str(argument) for argument in arguments]
         done = subprocess.run(
             [str(self.path), *words],
             cwd=cwd or self.folder,
+            env={**os.environ, **self.environment},
             stdin=subprocess.DEVNULL,
             capture_output=True,
             timeout=timeout,

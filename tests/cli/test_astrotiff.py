@@ -37,9 +37,9 @@ def description(path) -> str | None:
         return None if tag is None else tag.value
 
 
-def patch_description_entry(path, pixels, position: int, value: bytes) -> None:
+def patch_description_entry(path, pixels, position: int, value: bytes, **options) -> None:
     """Writes a little-endian TIFF with the header and then overwrites a part of the entry that tells of it."""
-    write_tiff(path, pixels, HEADER, byteorder="<")
+    write_tiff(path, pixels, HEADER, byteorder="<", **options)
     with tifffile.TiffFile(path) as tiff:
         entry = tiff.pages[0].tags[270].offset
     content = bytearray(path.read_bytes())
@@ -176,6 +176,17 @@ def test_a_header_outside_the_file_costs_only_itself(lumvane, tmp_path):
     ]
     assert np.array_equal(load(tmp_path / "out.tif"), pixels)
     assert description(tmp_path / "out.tif") is None
+
+
+def test_a_header_outside_the_file_does_not_cost_the_planes(lumvane, tmp_path):
+    """The layout of the samples is read all the same, so that what the decoder gets wrong is still known."""
+    pixels = noise_image(512, 512, 3, np.uint16)
+    patch = (1 << 30).to_bytes(4, "little")
+    patch_description_entry(tmp_path / "in.tif", np.moveaxis(pixels, 2, 0), 8, patch, photometric="rgb", planarconfig=2)
+    run = lumvane.denoise("in.tif", "out.tif")
+    assert run.status == 0, run.err
+    assert len(run.warnings("output_fidelity")) == 1
+    assert np.array_equal(load(tmp_path / "out.tif"), pixels)
 
 
 def test_the_first_page_counts(lumvane, tmp_path):

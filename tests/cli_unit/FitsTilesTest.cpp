@@ -147,6 +147,15 @@ class FitsTiles : public testing::Test {
 };
 
 /// The library divides by these sizes as soon as it meets the HDU.
+TEST_F(FitsTiles, TakesTheTwoNumbersOfRiceInEitherOrder) {
+  Write(RICE_1, SHORT_IMG, 100);
+  Set("ZNAME1", "'BYTEPIX '");
+  Set("ZVAL1", "                   2");
+  Set("ZNAME2", "'BLOCKSIZE'");
+  Set("ZVAL2", "                  32");
+  EXPECT_EQ(Read(), samples_);
+}
+
 TEST_F(FitsTiles, TilesOfNoPixelsAreRefused) {
   for (const std::string value :
        {"0", "-1", "0.5", "1D-3", "'0'", "-9223372036854775808", "inf", "0x10", "none 20", ""}) {

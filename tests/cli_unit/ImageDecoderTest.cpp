@@ -8,6 +8,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <bit>
+#include <utility>
+#include <vector>
 
 namespace ulmora::cli {
 namespace {
@@ -147,6 +149,62 @@ TEST_F(ImageDecoder, ReadsColoursThatAreNotCalledColours) {
       }
     }
   }
+}
+
+TEST_F(ImageDecoder, NeedsNoSoundDescription) {
+  cv::Mat inverted;
+  cv::bitwise_not(Truth(Image(1, 16, 0, false)), inverted);
+  const std::vector<std::pair<TiffImage, cv::Mat>> cases = {
+      {Image(3, 16, 2, true), Truth(Image(3, 16, 2, true))},
+      {Image(2, 16, 1, false), Truth(Image(2, 16, 1, false))},
+      {Image(1, 16, 0, false), inverted},
+  };
+  for (auto [image, expected] : cases) {
+    image.damagedDescription = true;
+    EXPECT_TRUE(test::SameBits(Decode(image), expected)) << image.samples << " samples";
+  }
+}
+
+TEST_F(ImageDecoder, NeedsNothingBehindTheEntries) {
+  const TiffImage image = Image(3, 16, 2, true);
+  const std::string whole = image.Build();
+  test::WriteFile(folder_.Path("cut.tif"), whole.substr(0, whole.size() - 4));
+  EXPECT_TRUE(test::SameBits(DecodeImage(folder_.Path("cut.tif")), Truth(image)));
+}
+
+TEST_F(ImageDecoder, TakesThreeSamplesOfColourForGranted) {
+  for (const int bits : {8, 16}) {
+    for (const bool separatePlanes : {false, true}) {
+      TiffImage image = Image(3, bits, 2, separatePlanes);
+      image.countsSamples = false;
+      EXPECT_TRUE(test::SameBits(Decode(image), Truth(image))) << bits << " bits, planes " << separatePlanes;
+    }
+  }
+}
+
+TEST_F(ImageDecoder, RefusesSidesThatWouldBeCutTo32Bits) {
+  TiffImage wide = Image(3, 16, 2, true);
+  wide.form = {true, true};
+  wide.claimedWidth = (std::uint64_t{1} << 32) + 37;
+  EXPECT_TRUE(Decode(wide).empty());
+  // Rows of three planes that wrap round to as many strips as there are.
+  TiffImage high = Image(3, 16, 2, true);
+  high.form = {true, true};
+  high.height = 1;
+  high.rowsPerStrip = 1;
+  high.claimedHeight = 0x5555555555555556;
+  EXPECT_TRUE(Decode(high).empty());
+}
+
+TEST_F(ImageDecoder, RefusesATiffWhoseFieldsCannotBeRead) {
+  TiffImage image = Image(3, 16, 2, true);
+  std::string bytes = image.Build();
+  // The count of the bits' values is made to lie: three numbers become more than the file holds.
+  const std::size_t field = bytes.find(std::string("\x02\x01\x03\x00\x03\x00\x00\x00", 8));
+  ASSERT_NE(field, std::string::npos);
+  bytes[field + 7] = '\x10';
+  test::WriteFile(folder_.Path("lying.tif"), bytes);
+  EXPECT_TRUE(DecodeImage(folder_.Path("lying.tif")).empty());
 }
 
 TEST_F(ImageDecoder, LeavesOrdinaryLayoutsToTheLibrary) {

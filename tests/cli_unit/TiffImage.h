@@ -19,10 +19,14 @@ struct TiffImage {
   int photometric = 1;   ///< 0 white is zero, 1 black is zero, 2 RGB
   int sampleFormat = 1;  ///< 1 unsigned, 2 signed, 3 float
   bool separatePlanes = false;
-  int rowsPerStrip = 7;      ///< odd, so that the last strip is cut
-  int tileSide = 0;          ///< a multiple of 16 for tiles, 0 for strips
-  bool differences = false;  ///< LZW, each sample stored as its difference from the one a pixel before
-  int orientation = 0;       ///< 0 for no such field
+  int rowsPerStrip = 7;             ///< odd, so that the last strip is cut
+  int tileSide = 0;                 ///< a multiple of 16 for tiles, 0 for strips
+  bool differences = false;         ///< LZW, each sample stored as its difference from the one a pixel before
+  int orientation = 0;              ///< 0 for no such field
+  bool countsSamples = true;        ///< false leaves out how many samples a pixel has
+  bool damagedDescription = false;  ///< a description that would lie behind the end of the file
+  std::uint64_t claimedWidth = 0;   ///< what the directory says in 64 bits, 0 for the truth
+  std::uint64_t claimedHeight = 0;
   /// The stored bits of one sample.
   std::function<std::uint64_t(int x, int y, int sample)> value;
 
@@ -95,14 +99,22 @@ inline std::string TiffImage::Build() const {
   const auto shorts = [&](std::uint16_t tag, const std::vector<std::uint64_t>& v) { file.Numbers(tag, 3, 2, v); };
   const auto longs = [&](std::uint16_t tag, const std::vector<std::uint64_t>& v) { file.Numbers(tag, 4, 4, v); };
   const std::vector<std::uint64_t> each(static_cast<std::size_t>(samples), static_cast<std::uint64_t>(bits));
-  longs(256, number(width));
-  longs(257, number(height));
+  const auto side = [&](std::uint16_t tag, int truth, std::uint64_t claimed) {
+    if (claimed == 0) {
+      longs(tag, number(truth));
+    } else {
+      file.Numbers(tag, 16, 8, {claimed});
+    }
+  };
+  side(256, width, claimedWidth);
+  side(257, height, claimedHeight);
   shorts(258, each);
   shorts(259, number(differences ? 5 : 1));
   shorts(262, number(photometric));
+  if (damagedDescription) file.Raw(270, 2, 100, file.Number(0x7FFFFFFF, file.OffsetSize()));
   if (!tiled) longs(273, offsets);
   if (orientation != 0) shorts(274, number(orientation));
-  shorts(277, number(samples));
+  if (countsSamples) shorts(277, number(samples));
   if (!tiled) longs(278, number(rowsPerStrip));
   if (!tiled) longs(279, counts);
   shorts(284, number(separatePlanes ? 2 : 1));
