@@ -128,7 +128,7 @@ cv::Mat DecodeImage(const std::string& path) {
     if (error.func == "validateInputImageSize") {
       throw std::invalid_argument("Input image is too large to decode: " + path +
                                   ". The decoder's limits are 1048576 pixels on a side and 1073741824 in all, unless "
-                                  "OPENCV_IO_MAX_IMAGE_WIDTH, _HEIGHT or _PIXELS set others.");
+                                  "whole numbers in OPENCV_IO_MAX_IMAGE_WIDTH, _HEIGHT or _PIXELS set others.");
     }
     if (error.code == cv::Error::StsNoMem) RefuseForMemory(path);
     return {};

@@ -89,7 +89,11 @@ bool IsNoRegularFile(const std::string& path) {
 bool EncodeToDevice(const std::string& path, const cv::Mat& image, const std::vector<int>& parameters) {
   const std::filesystem::path ending = std::filesystem::path(path).extension();
   std::vector<std::uint8_t> bytes;
-  if (!cv::imencode(ending.string(), image, bytes, parameters)) return false;
+  {
+    const QuietStandardError quiet;
+    if (!cv::imencode(ending.string(), image, bytes, parameters)) return false;
+  }
+  // The device may be one of the streams that were silenced.
   std::ofstream device(path, std::ios::binary);
   device.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   device.close();
@@ -113,8 +117,8 @@ bool IsWholeImageFile(const std::string& path, const cv::Mat& image) {
 
 bool EncodeImage(const std::string& path, const cv::Mat& image, const std::vector<int>& parameters) {
   try {
-    const QuietStandardError quiet;
     if (IsNoRegularFile(path)) return EncodeToDevice(path, image, parameters);
+    const QuietStandardError quiet;
     return cv::imwrite(path, image, parameters) && IsWholeImageFile(path, image);
   } catch (cv::Exception& error) {
     // The library ends its texts in a line feed, which would leave an empty line in the middle of a failure message.

@@ -15,6 +15,7 @@
 
 #include <tclap/ArgException.h>
 
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -29,6 +30,13 @@ constexpr int kWindowSize = 512;
 
 /// The parent process sees 255.
 constexpr int kFailure = -1;
+
+/// A reader that has gone and a file at its limit are failed writes like any other, not the end of the run: it would
+/// leave a stub in the place of an older output.
+void TakeFailedWritesAsErrors() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
 
 /// The text behind the options in the help text.
 std::string HelpMessage() {
@@ -86,6 +94,7 @@ void Run(int argc, char** argv, bool machineMode) {
 
 int main(int argc, char** argv) {
   OccupyStandardDescriptors();
+  TakeFailedWritesAsErrors();
   const bool machineMode = HasArg(argc, argv, "--machine-progress");
   // These two are answered whatever else is asked, so that a front end learns what it needs without a valid command.
   if (HasArg(argc, argv, "--machine-info")) {

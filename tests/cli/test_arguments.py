@@ -6,7 +6,7 @@ import stat
 
 import numpy as np
 import pytest
-from conftest import PACKAGES, noise_image, save
+from conftest import PACKAGES, PROGRESS_SCHEMA, noise_image, save
 
 STRIDE_RANGE = "Stride must be positive and no larger than the window size (512)."
 NEEDS_LINEAR = "--shadows-clipping and --target-background require --linear."
@@ -182,6 +182,18 @@ def test_machine_progress_behind_the_double_dash(lumvane, image):
     run = lumvane.denoise(image, "out.tif", "--", "--machine-progress")
     assert run.status == 0
     assert run.out.startswith("Restoring neural network checkpoint... \n")
+
+
+@pytest.mark.parametrize(
+    ("words", "lines"), [(["-i", "missing.png", "-o", "out.png"], True), (["-i", "in.png", "-o", "out.png", "-s", "3x"], False)]
+)
+def test_machine_progress_behind_the_double_dash_shapes_the_error(lumvane, words, lines):
+    """The parsed switch stays off, so what comes before the failure is human."""
+    run = lumvane(*words, "--", "--machine-progress")
+    assert run.status == 255
+    assert run.err_lines[0].startswith("Info [model_context]: ") if lines else len(run.err_lines) == 1
+    event = json.loads(run.err_lines[-1])
+    assert (event["schema"], event["event"]) == (PROGRESS_SCHEMA, "error")
 
 
 def test_empty_weights_count_as_no_override(lumvane, image):
