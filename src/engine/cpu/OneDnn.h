@@ -19,9 +19,21 @@ namespace ulmora::engine::cpu::onednn {
 using Desc = dnnl::memory::desc;
 using Dims = dnnl::memory::dims;
 
+/// Keeps the library's variables of the environment from printing lines, from writing files, and from rounding more
+/// than we do. Where a system has no such thing the call fails, and there is nothing to keep.
+inline void IgnoreEnvironment() {
+  dnnl_set_verbose(0);
+  dnnl_set_jit_dump(0);
+  dnnl_set_jit_profiling_flags(0);
+  dnnl_set_default_fpmath_mode(dnnl_fpmath_mode_strict);
+}
+
 /// The one engine and the one stream that everything is prepared for and runs on.
 [[nodiscard]] inline const dnnl::engine& CpuEngine() {
-  static const dnnl::engine engine(dnnl::engine::kind::cpu, 0);
+  static const dnnl::engine engine = [] {
+    IgnoreEnvironment();
+    return dnnl::engine(dnnl::engine::kind::cpu, 0);
+  }();
   return engine;
 }
 [[nodiscard]] inline const dnnl::stream& CpuStream() {
@@ -121,6 +133,18 @@ template <typename Primitive>
 template <typename Description>
 [[nodiscard]] bool DeconvolutionFuses(const Description& description) {
   return std::string_view(description.impl_info_str()).starts_with("brg");
+}
+
+/// Whether a convolution through matrix products would combine its result with the wrong elements of another tensor. So
+/// it does with channels last on processors without AVX-512, as 2.6 has it: the place in the other tensor stands still.
+template <typename Description>
+[[nodiscard]] bool CombinesWrongly(const Description& description, const dnnl::primitive_attr& attributes) {
+  if (std::string_view(description.impl_info_str()).find("gemm") == std::string_view::npos) return false;
+  const dnnl::post_ops operations = attributes.get_post_ops();
+  for (int i = 0; i < operations.len(); ++i) {
+    if (operations.kind(i) == dnnl::primitive::kind::binary) return true;
+  }
+  return false;
 }
 
 /// A function that the library applies to each element.

@@ -193,6 +193,10 @@ std::optional<Form> FormFor(const LowerCall& call, const ConvTask& task, const C
     const bool fuses = postOps.attributes.get_post_ops().len() > 0;
     const bool isTransposed = std::is_same_v<Primitive, dnnl::deconvolution_forward>;
     if (description && isTransposed && fuses && !onednn::DeconvolutionFuses(*description)) description.reset();
+    if (description && candidate.result == Layout::ChannelsLast &&
+        onednn::CombinesWrongly(*description, postOps.attributes)) {
+      description.reset();
+    }
     return description;
   };
   const auto found = WithMostPostOps(call, {task.resultShape, candidate.result}, describe);

@@ -35,15 +35,18 @@ std::vector<Form> EltwiseForms(const LowerCall& call, const std::vector<onednn::
   for (const Layout layout : kAllLayouts) {
     if (layout != Layout::Plain && !HasChannels(shape)) continue;
     std::vector<Description> descriptions;
+    double cost = 0.0;
     for (const onednn::Eltwise& function : functions) {
-      const auto description = onednn::DescribeEltwise(onednn::Reference::Refused, onednn::PlainAttributes(), function,
+      // Of single elements its reference is no slower than a loop of ours, and some processors have nothing else.
+      const auto description = onednn::DescribeEltwise(onednn::Reference::Accepted, onednn::PlainAttributes(), function,
                                                        FlatDescriptor(shape, layout));
-      if (description) descriptions.push_back(*description);
+      if (!description) break;
+      descriptions.push_back(*description);
+      cost += onednn::IsReference(*description) ? 8.0 : 1.0;
     }
     if (descriptions.size() != functions.size()) continue;
     Form form;
-    const auto steps = static_cast<std::int64_t>(functions.size());
-    form.plan = {{{x, layout}}, layout, MemoryCost(steps * 8 * ElementCount(shape))};
+    form.plan = {{{x, layout}}, layout, cost * MemoryCost(8 * ElementCount(shape))};
     form.emit = [layout, descriptions](Emitter& emitter, const program::Operation& operation) {
       EmitEltwise(emitter, operation, layout, descriptions);
     };
