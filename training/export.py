@@ -9,7 +9,7 @@ from pathlib import Path
 
 import numpy as np
 
-from lumvane_training import checkpoint, config, network as networks, package, tiles
+from lumvane_training import checkpoint, config, network as networks, package, shipped, tiles
 from lumvane_training.measures.program import Program, as_stored
 
 TEXTS = {
@@ -50,12 +50,17 @@ def main() -> None:
     parser.add_argument("checkpoint", type=Path)
     parser.add_argument("--package-version", type=int, choices=(1, 2), help="default: the checkpoint's own")
     parser.add_argument("--models", type=Path, default=config.TRAINING_ROOT.parent / "models")
+    parser.add_argument("--halfway-to", type=Path, metavar="PACKAGE", help="export the means of both networks' weights")
     parser.add_argument("--lumvane", type=Path, help="built program that has to agree with PyTorch within a hundredth")
     options = parser.parse_args()
     network, state = checkpoint.averaged_network(options.checkpoint)
     version = options.package_version or state["version"]
+    record = details(state)
+    if options.halfway_to:
+        networks.move_halfway(network, shipped.network_of(options.halfway_to)[0])
+        record["training.halfway_to"] = options.halfway_to.name
     model = package.convert(network)
-    package.describe(model, f"{version}.0", TEXTS[version], details(state))
+    package.describe(model, f"{version}.0", TEXTS[version], record)
     target = options.models / f"Lumvane_weights_v{version}.mlpackage"
     target.parent.mkdir(parents=True, exist_ok=True)
     package.write(model, target)

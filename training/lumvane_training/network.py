@@ -88,6 +88,19 @@ def forward_in_bfloat16(network: Denoiser, image: Tensor) -> Tensor:
     return image + functional.pixel_shuffle(residual.float(), 2)
 
 
+@torch.no_grad()
+def move_halfway(network: Denoiser, other: Denoiser) -> None:
+    """Replaces the weights by their means with those of another network of the same shape, in place.
+
+    Of two ends of one training the middle is often better than either: what a short run gained stays, and much of what
+    it forgot comes back.
+    """
+    if (network.widths, network.blocks) != (other.widths, other.blocks):
+        raise ValueError(f"{other.widths}, {other.blocks} has not the shape of {network.widths}, {network.blocks}")
+    for parameter, theirs in zip(network.parameters(), other.parameters()):
+        parameter.lerp_(theirs, 0.5)
+
+
 def parameter_count(network: nn.Module) -> int:
     """Number of weights."""
     return sum(p.numel() for p in network.parameters())

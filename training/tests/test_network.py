@@ -75,6 +75,18 @@ def test_networks_do_not_shrink(small):
             growth.grown(small, network.Denoiser(widths, blocks))
 
 
+def test_halfway_between_two_networks(small):
+    other = network.Denoiser(small.widths, small.blocks)
+    expected = [0.5 * (p + q) for p, q in zip(small.parameters(), other.parameters())]
+    mean = network.Denoiser(small.widths, small.blocks)
+    mean.load_state_dict(small.state_dict())
+    network.move_halfway(mean, other)
+    for found, wanted in zip(mean.parameters(), expected):
+        assert torch.allclose(found, wanted, atol=1e-7)
+    with pytest.raises(ValueError, match="shape"):
+        network.move_halfway(mean, network.Denoiser((8, 16), 1))
+
+
 def test_every_level_has_a_count_of_blocks():
     assert network.parameter_count(network.Denoiser((8, 16), 2)) == network.parameter_count(network.Denoiser((8, 16), (2, 2)))
     with pytest.raises(ValueError, match="2 widths and 1 counts"):
