@@ -25,7 +25,7 @@ const void* WeightStore::Prepare(const Tensor& constant, const onednn::Desc& giv
 }
 
 const void* WeightStore::Packed(const Tensor& constant, std::int64_t bytes, const Packer& pack) {
-  const auto [entry, isNew] = packed_.try_emplace(constant.identity());
+  const auto [entry, isNew] = packed_.try_emplace({constant.identity(), constant.shape(), bytes});
   if (isNew) {
     entry->second = AlignedBuffer(static_cast<std::size_t>(bytes));
     pack(constant.floats().data(), static_cast<float*>(entry->second.data()));

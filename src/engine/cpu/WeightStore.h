@@ -10,6 +10,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <tuple>
 
 namespace ulmora::engine::cpu {
 
@@ -25,7 +26,8 @@ class WeightStore {
   /// Makes a kernel's own form of a float constant from its row-major elements.
   using Packer = std::function<void(const float* elements, float* packed)>;
 
-  /// Address of the form that `pack` makes, of that many bytes: of each constant one such form exists.
+  /// Address of the form that `pack` makes, of that many bytes. Of a constant one such form exists for each shape in
+  /// which its elements are read and each number of bytes.
   [[nodiscard]] const void* Packed(const Tensor& constant, std::int64_t bytes, const Packer& pack);
 
   /// Bytes of all forms that Packed made.
@@ -43,7 +45,7 @@ class WeightStore {
 
   std::map<const void*, Tensor> kept_;  ///< by identity: while a constant is kept, no other can take its address
   std::map<const void*, std::list<Prepared>> prepared_;
-  std::map<const void*, AlignedBuffer> packed_;
+  std::map<std::tuple<const void*, Shape, std::int64_t>, AlignedBuffer> packed_;
   std::size_t bytes_ = 0;
   std::int64_t packedBytes_ = 0;
 };

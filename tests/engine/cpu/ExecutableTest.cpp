@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 // Sanitizers replace the allocation functions themselves, and two replacements do not mix.
@@ -101,6 +102,54 @@ TEST(Executable, RunsTheShippedNetwork) {
     SCOPED_TRACE(rewrite ? "rewritten" : "as written");
     // Where the library has no blocked kernels, every convolution goes through transforms, which cost some digits.
     ExpectSame(sample::ResidualUNet({16, 32, 48}, 1, 32, 40, rewrite), input, {3e-4, 1e-4});
+  }
+}
+
+TEST(Executable, WeightsMayBeReadInTwoShapes) {
+  Random random(4);
+  const Tensor weights = random.Floats({32, 64, 3, 3}, -0.05F, 0.05F);
+  sample::NetworkWriter net;
+  ValueId x = net.Input({1, 64, 12, 13});
+  for (const Shape& shape : {Shape{32, 64, 3, 3}, Shape{64, 32, 3, 3}, Shape{96, 64, 1, 3}, Shape{192, 96, 1, 1}}) {
+    x = net.Call("conv", {{"x", {x}},
+                          {"weight", {net.Constant(weights.Reshaped(shape))}},
+                          {"pad_type", {net.Constant(Tensor::Text("same"))}}});
+  }
+  ExpectSame(net.Finish(x, false), random.Floats({1, 64, 12, 13}), {1e-4, 1e-4});
+}
+
+TEST(Executable, MultipliesEmptyConstants) {
+  ProgramBuilder builder;
+  const ValueId x = builder.Input("x", {3, 2});
+  const ValueId product = builder.Call("linear",
+                                       {{"x", {builder.Constant(Tensor::Floats({3, 0}, {}))}},
+                                        {"weight", {builder.Constant(Tensor::Floats({2, 0}, {}))}},
+                                        {"bias", {builder.Constant(Tensor::Floats({2}, {1.0F, 2.0F}))}}},
+                                       program::FloatType({3, 2}));
+  builder.Output(builder.Call("add", {{"x", {x}}, {"y", {product}}}, program::FloatType({3, 2})));
+  EXPECT_THAT(RunCompiled(builder.program, Tensor::Floats({3, 2}, {0, 0, 1, 1, 2, 2})), ElementsAre(1, 2, 2, 3, 3, 4));
+}
+
+TEST(Executable, PoolsWithWindowsBeyondTheLibrarysArithmetic) {
+  constexpr std::int32_t kLargest = std::numeric_limits<std::int32_t>::max();
+  struct Case {
+    std::vector<std::int32_t> kernel, strides, pads;
+  };
+  for (const Case& c : {Case{{1, 4}, {kLargest, kLargest}, {0, 0, 2, 3}},
+                        Case{{200000, 200000}, {1, 1}, {100000, 99996, 100000, 99996}},
+                        Case{{1 << 30, 40000}, {1, 1}, {(1 << 29) - 2, (1 << 29) - 2, 20000, 19996}}}) {
+    for (const std::string key : {"max_pool", "avg_pool"}) {
+      SCOPED_TRACE(key + " " + std::to_string(c.kernel[0]));
+      Random random(5);
+      sample::NetworkWriter net;
+      const ValueId x = net.Input({1, 16, 4, 4});
+      const ValueId pooled = net.Call(key, {{"x", {x}},
+                                            {"kernel_sizes", {net.Constant(Tensor::IntVector(c.kernel))}},
+                                            {"strides", {net.Constant(Tensor::IntVector(c.strides))}},
+                                            {"pad_type", {net.Constant(Tensor::Text("custom"))}},
+                                            {"pad", {net.Constant(Tensor::IntVector(c.pads))}}});
+      ExpectSame(net.Finish(pooled, false), random.Floats({1, 16, 4, 4}), {1e-5, 1e-4});
+    }
   }
 }
 

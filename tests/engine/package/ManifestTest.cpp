@@ -49,6 +49,9 @@ TEST_F(ManifestTest, DamagedJsonIsOneLine) {
   ExpectRefused("{\"a\": \n\n nonsense}", {"is not a JSON document"});
   ExpectRefused(ManifestText().substr(0, 40), {"is not a JSON document"});
   ExpectRefused(std::string(100'000, '['), {"is not a JSON document"});
+  ExpectRefused(std::string(20'000, '[') + std::string(20'000, ']'), {"nested deeper than 64 levels"});
+  // Brackets in a text nest nothing.
+  ExpectRefused("[\"" + std::string(100, '[') + "\\\"[\"]", {"is not a JSON object"});
   ExpectRefused("{\"a\":" + std::string(100'000, '['), {"is not a JSON document"});
   ExpectRefused("{\"a\": \"\xFF\xFE\"}", {"Manifest.json"});
 }

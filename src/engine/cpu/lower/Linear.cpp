@@ -78,6 +78,8 @@ std::vector<Form> ProductForms(const LowerCall& call, std::string_view left, std
 std::vector<Form> LowerLinear(const LowerCall& call) {
   const Shape& weight = call.call.ShapeOf("weight");
   const std::int64_t inner = weight[1];
+  // Constants may be empty; nothing is left to multiply then, and the bias alone is the result.
+  if (inner == 0) return {};
   const std::int64_t columns = weight[0];
   const std::int64_t rows = ElementCount(call.call.ShapeOf("x")) / inner;
   ProductTask task;

@@ -3,6 +3,8 @@
 #include "engine/cpu/lower/Families.h"
 #include "engine/program/ops/PoolWindow.h"
 
+#include <algorithm>
+
 namespace ulmora::engine::cpu {
 namespace {
 
@@ -13,17 +15,26 @@ struct PoolTask {
   algorithm kind = algorithm::pooling_max;
   Dims strides, kernel, padBefore, padAfter;
   bool overhangs = false;  ///< a window reaches beyond the declared padding
+  bool isExtreme = false;  ///< beyond what the library's arithmetic holds, or walks through in reasonable time
 };
 
 PoolTask MakeTask(const LowerCall& call, algorithm kind) {
   PoolTask task;
   task.kind = kind;
+  constexpr std::int64_t kLargestStep = 1 << 15;
+  constexpr std::int64_t kLargestArea = 1 << 24;  // as a float, the divisor of an average is exact up to here
+  std::int64_t area = 1;
   for (const program::WindowAxis& axis : program::PoolAxes(call.call)) {
-    task.strides.push_back(axis.stride);
+    // A single window is not moved.
+    const std::int64_t stride = axis.output == 1 ? 1 : axis.stride;
+    task.isExtreme = task.isExtreme || std::max({stride, axis.kernel, axis.padBefore}) > kLargestStep;
+    if (!task.isExtreme) area *= axis.kernel;
+    task.isExtreme = task.isExtreme || area > kLargestArea;
+    task.strides.push_back(stride);
     task.kernel.push_back(axis.kernel);
     task.padBefore.push_back(axis.padBefore);
     // The library wants the padding that the number of windows comes from, whatever the package declares.
-    const std::int64_t needed = (axis.output - 1) * axis.stride + axis.kernel - axis.input - axis.padBefore;
+    const std::int64_t needed = (axis.output - 1) * stride + axis.kernel - axis.input - axis.padBefore;
     task.padAfter.push_back(needed);
     task.overhangs = task.overhangs || needed > axis.padAfter;
   }
@@ -34,6 +45,7 @@ std::vector<Form> PoolForms(const LowerCall& call, const PoolTask& task) {
   const program::ValueId x = call.Operand("x");
   const Shape& from = call.ShapeOf(x);
   const Shape& to = call.ShapeOf(call.result());
+  if (task.isExtreme) return {};
   std::vector<Form> forms;
   for (const Layout layout : kAllLayouts) {
     const auto description = onednn::DescribePooling(onednn::Reference::Refused, onednn::PlainAttributes(), task.kind,
