@@ -190,6 +190,7 @@ TiffDirectory ReadDirectoryEntries(std::istream& stream, const std::string& path
   ReadEntries(stream, directory, path, [](const std::vector<std::uint8_t>&) {});
   return directory;
 }
+
 std::optional<std::vector<std::uint64_t>> ReadFieldValues(std::istream& stream, const TiffDirectory& directory,
                                                           TiffTag tag, const std::string& path) {
   const bool littleEndian = directory.littleEndian;

@@ -105,10 +105,10 @@ def test_an_image_may_go_to_standard_output(tmp_path):
     [{"ONEDNN_VERBOSE": "2"}, {"DNNL_VERBOSE": "1"}, {"ONEDNN_JIT_DUMP": "1"}, {"ONEDNN_JIT_PROFILE": "6"}],
     ids=lambda variables: next(iter(variables)),
 )
-def test_variables_of_the_numerical_library_do_nothing(tmp_path, variables):
+def test_variables_of_the_numerical_library_do_nothing(lumvane, tmp_path, variables):
     """With the shipped network, whose convolutions are that library's."""
     save(tmp_path / "in.png", noise_image(512, 512, 3, np.uint8))
-    environment = {**os.environ, **variables, "HOME": str(tmp_path)}
-    done = start(tmp_path, "-i", "in.png", "-o", "out.png", "-q", weights=None, env=environment, capture_output=True)
-    assert (done.returncode, done.stdout, done.stderr) == (0, b"", b"")
+    lumvane.environment.update(variables, HOME=str(tmp_path))
+    run = lumvane("-i", "in.png", "-o", "out.png", "-q")
+    assert (run.status, run.out, run.err) == (0, "", "")
     assert sorted(path.name for path in tmp_path.iterdir()) == ["in.png", "out.png"]

@@ -35,12 +35,13 @@ bool IsNestedTooDeep(std::string_view text) {
 }  // namespace
 
 google::protobuf::Value ParseJson(std::span<const std::byte> bytes) {
-  if (IsNestedTooDeep({reinterpret_cast<const char*>(bytes.data()), bytes.size()})) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (IsNestedTooDeep(text)) {
     throw Error(Stage::Open, "is not a JSON document: nested deeper than " + std::to_string(kDeepest) + " levels");
   }
   google::protobuf::Value document;
-  const google::protobuf::StringPiece text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  const auto status = google::protobuf::util::JsonStringToMessage(text, &document);
+  const google::protobuf::StringPiece whole(text.data(), text.size());
+  const auto status = google::protobuf::util::JsonStringToMessage(whole, &document);
   if (!status.ok()) {
     // The parser's message goes on with the offending line and a caret below it.
     const std::string message = std::string(status.message());

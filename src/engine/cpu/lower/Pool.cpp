@@ -22,14 +22,13 @@ PoolTask MakeTask(const LowerCall& call, algorithm kind) {
   PoolTask task;
   task.kind = kind;
   constexpr std::int64_t kLargestStep = 1 << 15;
-  constexpr std::int64_t kLargestArea = 1 << 24;  // as a float, the divisor of an average is exact up to here
-  std::int64_t area = 1;
+  constexpr double kLargestArea = 1 << 24;  // as a float, the divisor of an average is exact up to here
+  double area = 1.0;
   for (const program::WindowAxis& axis : program::PoolAxes(call.call)) {
     // A single window is not moved.
     const std::int64_t stride = axis.output == 1 ? 1 : axis.stride;
     task.isExtreme = task.isExtreme || std::max({stride, axis.kernel, axis.padBefore}) > kLargestStep;
-    if (!task.isExtreme) area *= axis.kernel;
-    task.isExtreme = task.isExtreme || area > kLargestArea;
+    area *= static_cast<double>(axis.kernel);
     task.strides.push_back(stride);
     task.kernel.push_back(axis.kernel);
     task.padBefore.push_back(axis.padBefore);
@@ -38,6 +37,7 @@ PoolTask MakeTask(const LowerCall& call, algorithm kind) {
     task.padAfter.push_back(needed);
     task.overhangs = task.overhangs || needed > axis.padAfter;
   }
+  task.isExtreme = task.isExtreme || area > kLargestArea;
   return task;
 }
 
